@@ -1,0 +1,47 @@
+// The daemon context, the runtime settings and the main loop.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+
+#include "protocol/identity.h"
+#include "protocol/port.h"
+#include "transport/socket.h"
+
+// Runtime settings: built by start-up, updated in place by the loader.
+struct dypd_settings {
+    const char *config_path;        // null when no file is used
+    const char *bind_interfaces;    // default "*"
+    const char *wireless_interface; // -w; read by nothing else
+    int32_t *ports;                 // default {19540, 19541}
+    int32_t port_count;
+    int32_t primary_port;           // "ds_port", default 19540
+    int32_t daemon_mode;            // 1 = detach
+    int32_t debug;                  // 1 = also log to standard error
+    dypd_identity identity;         // product name, host name, status
+    dypd_udp_port *primary;
+    dypd_session *last_session;     // start-up only
+};
+
+extern const char network_interface_name[]; // "*"
+extern const char wireless_interface_name[]; // ""
+extern int32_t default_ports[2];
+
+struct dyp_daemon_context {
+    dypd_endpoint_header header; // type 3; its descriptor is never opened
+    dypd_udp_port **endpoints;
+    int32_t endpoint_count;
+    int32_t stop;
+    int32_t spare_fd;
+};
+
+extern dyp_daemon_context dyp_daemon;
+extern volatile sig_atomic_t dypd_sighap;
+
+int dypd_run(dyp_daemon_context *daemon, dypd_settings *settings);
+void dypd_cleanup(dyp_daemon_context *daemon);
+void dypd_core_cleanup(dypd_udp_port *endpoint);
+void dypd_signal_handler(int signal);
+
+// Configuration file (config.cpp).
+int dypd_configfile_load(dypd_settings *settings);

@@ -1,0 +1,12 @@
+// The daemon's one path to the system log. Formats are checked by the
+// compiler; the texts are the daemon's own and used exactly as written.
+#pragma once
+
+#include <syslog.h>
+
+void dyp_log(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// Test hook: while set, every formatted line goes to `sink` instead of
+// syslog. Null restores syslog.
+using dyp_log_sink = void (*)(int priority, const char *text);
+void dyp_log_set_sink(dyp_log_sink sink);

@@ -1,0 +1,50 @@
+// Test network namespaces: made by the test, entered by the test thread,
+// removed by name when the test ends. Never routes outside the machine.
+#pragma once
+
+#include <string>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#define DYP_REQUIRE_ROOT()                                                                   \
+    do {                                                                                     \
+        if (geteuid() != 0)                                                                  \
+            GTEST_SKIP() << "needs root: the test makes its own network namespaces";         \
+    } while (0)
+
+// Runs a shell command; returns its exit status (-1 when it could not run).
+int run_shell(const std::string &command);
+// Runs a shell command and returns its standard output.
+std::string run_shell_output(const std::string &command);
+
+// A named network namespace ("dyp<tag><pid>"), deleted in the destructor
+// together with everything in it.
+class test_netns {
+  public:
+    explicit test_netns(const std::string &tag);
+    ~test_netns();
+    test_netns(const test_netns &) = delete;
+    test_netns &operator=(const test_netns &) = delete;
+
+    const std::string &name() const { return name_; }
+    // Runs `ip netns exec <name> sh -c command`; returns its exit status.
+    int exec(const std::string &command) const;
+
+  private:
+    std::string name_;
+};
+
+// Moves the calling thread into a namespace for the scope's life.
+class netns_scope {
+  public:
+    explicit netns_scope(const std::string &name);
+    ~netns_scope();
+    netns_scope(const netns_scope &) = delete;
+    netns_scope &operator=(const netns_scope &) = delete;
+    bool ok() const { return ok_; }
+
+  private:
+    int saved_ = -1;
+    bool ok_ = false;
+};
