@@ -1,0 +1,315 @@
+#include "protocol/handler.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <unistd.h>
+
+#include "lib/be.h"
+#include "lib/clock.h"
+#include "lib/log.h"
+#include "protocol/command.h"
+#include "protocol/packet.h"
+
+namespace {
+// A new START from anybody is refused until this long after the endpoint's
+// last response, so that a host in the middle of a transfer keeps it.
+constexpr uint32_t SESSION_GUARD_MS = 501;
+// Upper bound (exclusive) of the random delay before an advertise reply, so
+// that the replies of many boxes to one broadcast do not collide.
+constexpr long ADVERTISE_DELAY_SPAN_US = 150000;
+
+void wall_sleep(uint32_t microseconds) {
+    (void)usleep(microseconds);
+}
+
+dypd_clock_fn clock_now = dypd_get_systime;
+dypd_sleep_fn sleep_for = wall_sleep;
+
+struct request_fields {
+    uint16_t type;
+    uint16_t offset;
+    uint16_t length;
+};
+
+// What one request leads to: a response of `size` bytes in the transmit
+// buffer, nothing at all, or the session abandoned without a word.
+enum class outcome { reply, silence, abandon };
+
+struct request_context {
+    dypd_udp_port *endpoint;
+    const uint8_t *request;
+    request_fields fields;
+    sockaddr_in sender;
+    int ifindex;
+    uint32_t size;
+};
+
+bool in_progress(const dypd_session *session) {
+    return session->command != nullptr && session->requester != nullptr;
+}
+
+int receive_request(dypd_udp_port *endpoint, sockaddr_in *sender, int *ifindex) {
+    int received;
+    do {
+        received = dypd_recvfrom(&endpoint->header, endpoint->recv_buffer, DYP_REQUEST_MAX, 0,
+                                 sender, ifindex);
+    } while (received == -EINTR);
+    return received;
+}
+
+// Failures other than an interruption are not reported: the host repeats.
+void send_reply(dypd_udp_port *endpoint, uint32_t size, const sockaddr_in *sender) {
+    int sent;
+    do {
+        sent = dypd_sendto(&endpoint->header, endpoint->send_buffer, size, 0, sender);
+    } while (sent == -EINTR);
+}
+
+// Runs a command of mode 0 or 2 over the whole session buffer and records
+// the size of its result; a failure records nothing.
+int run_command(request_context &ctx) {
+    dypd_session *session = &ctx.endpoint->session;
+    uint32_t capacity = 0;
+    uint8_t *buffer = dypd_session_get_buffer(session, &capacity);
+    int32_t result = session->command->handler(session, ctx.request, buffer, capacity);
+    dypd_session_release_buffer(session, buffer, result < 0 ? 0 : static_cast<uint32_t>(result));
+    return result;
+}
+
+// Runs a mode 1 command over the upload; its result means nothing to the host.
+void run_upload_command(request_context &ctx) {
+    dypd_session *session = &ctx.endpoint->session;
+    uint32_t capacity = 0;
+    uint8_t *buffer = dypd_session_get_buffer(session, &capacity);
+    (void)session->command->handler(session, ctx.request, buffer, session->length);
+    dypd_session_release_buffer(session, buffer, 0);
+}
+
+// Makes sure that DATA, END and the continuation of START come from the
+// session's own requester; a stranger is ignored without disturbing it.
+outcome check_requester(request_context &ctx) {
+    dypd_session *session = &ctx.endpoint->session;
+    if (session->command == nullptr) {
+        dyp_log(LOG_ERR, "session is NOT in progress or other cause, cond %d", ctx.fields.type);
+        return outcome::abandon;
+    }
+    if (!dypd_session_equals(session, session->command, &ctx.sender))
+        return outcome::silence;
+    return outcome::reply;
+}
+
+// Opens the session for a START; a mode 0 command produces its result now.
+outcome start_session(request_context &ctx) {
+    dypd_session *session = &ctx.endpoint->session;
+    if (in_progress(session)) {
+        if (clock_now() - ctx.endpoint->header.last_activity < SESSION_GUARD_MS)
+            return outcome::silence;
+        dypd_session_leave(session);
+    }
+    const dypd_command *command =
+        dypd_get_command(reinterpret_cast<const char *>(ctx.request + DYP_REQ_NAME));
+    if (command == nullptr) {
+        dyp_log(LOG_WARNING, "command is not registered");
+        return outcome::silence;
+    }
+    if (dypd_session_enter(session, command, &ctx.sender, ctx.ifindex) < 0)
+        return outcome::silence;
+    if (command->mode == DYPD_XFER_READ && run_command(ctx) < 0)
+        return outcome::abandon;
+    return outcome::reply;
+}
+
+// Moves one window: an upload is stored, a read window is copied into the
+// transmit buffer after the header. Cuts a read `length` to one window.
+outcome move_window(request_context &ctx) {
+    dypd_session *session = &ctx.endpoint->session;
+    request_fields &f = ctx.fields;
+    const uint8_t *data = ctx.request + DYP_REQ_DATA;
+    switch (session->command->mode) {
+    case DYPD_XFER_WRITE:
+        // An upload longer than the request's data area cannot have come in
+        // this datagram; it is refused rather than read past the buffer.
+        if (f.length > DYP_EXEC_DATA_SIZE)
+            return outcome::abandon;
+        return dypd_session_put_data(session, data, f.length, f.offset) < 0 ? outcome::abandon
+                                                                            : outcome::reply;
+    case DYPD_XFER_EXEC:
+        return dypd_session_put_data(session, data, DYP_EXEC_DATA_SIZE, 0) < 0 ? outcome::abandon
+                                                                               : outcome::reply;
+    case DYPD_XFER_READ:
+        f.length = static_cast<uint16_t>(std::min<uint32_t>(f.length, DYP_WINDOW_MAX));
+        return dypd_session_get_data(session, ctx.endpoint->send_buffer + DYP_RSP_DATA, f.length,
+                                     f.offset) < 0
+                   ? outcome::abandon
+                   : outcome::reply;
+    default:
+        return outcome::abandon;
+    }
+}
+
+void put_response(request_context &ctx, uint16_t status, uint16_t offset, uint16_t length,
+                  uint32_t data_size) {
+    uint8_t *response = ctx.endpoint->send_buffer;
+    response[DYP_RSP_TYPE] = ctx.request[DYP_REQ_TYPE];
+    response[DYP_RSP_TYPE + 1] = ctx.request[DYP_REQ_TYPE + 1];
+    put_be16(response + DYP_RSP_STATUS, status);
+    put_be16(response + DYP_RSP_OFFSET, offset);
+    put_be16(response + DYP_RSP_LENGTH, length);
+    ctx.size = DYP_RESPONSE_HEADER_SIZE + data_size;
+}
+
+uint16_t acknowledged_offset(const request_fields &f) {
+    return static_cast<uint16_t>(f.offset + f.length);
+}
+
+outcome respond_read(request_context &ctx) {
+    const request_fields &f = ctx.fields;
+    uint32_t total = ctx.endpoint->session.length;
+    bool more = static_cast<uint32_t>(f.offset) + f.length < total;
+    if (f.type == DYP_TYPE_END) {
+        put_response(ctx, more ? 1 : 0, 0, 0, 0);
+        dypd_session_leave(&ctx.endpoint->session);
+        return outcome::reply;
+    }
+    if (more) {
+        put_response(ctx, 1, f.offset, f.length, f.length);
+        return outcome::reply;
+    }
+    // An offset beyond the result wraps the length field; the datagram
+    // itself carries no more than the window copied for this request, so it
+    // never reaches past the transmit buffer nor repeats stale bytes.
+    auto rest = static_cast<uint16_t>(total - f.offset);
+    put_response(ctx, 0, f.offset, rest, std::min<uint32_t>(rest, f.length));
+    return outcome::reply;
+}
+
+outcome respond_write(request_context &ctx) {
+    if (ctx.fields.type == DYP_TYPE_END) {
+        run_upload_command(ctx);
+        put_response(ctx, 0, 0, 0, 0);
+        dypd_session_leave(&ctx.endpoint->session);
+        return outcome::reply;
+    }
+    put_response(ctx, 0, acknowledged_offset(ctx.fields), ctx.fields.length, 0);
+    return outcome::reply;
+}
+
+outcome respond_exec(request_context &ctx) {
+    dypd_session *session = &ctx.endpoint->session;
+    switch (ctx.fields.type) {
+    case DYP_TYPE_START: {
+        int32_t result = run_command(ctx);
+        if (result < 0)
+            return outcome::abandon;
+        // The transmit buffer holds one window: a longer result is cut to it.
+        uint32_t n = std::min<uint32_t>(static_cast<uint16_t>(result), DYP_WINDOW_MAX);
+        int err = dypd_session_get_data(session, ctx.endpoint->send_buffer + DYP_RSP_DATA, n, 0);
+        if (err < 0) {
+            dyp_log(LOG_ERR, "an error occurred while getting an session data, err %d", err);
+            return outcome::abandon;
+        }
+        put_response(ctx, 0, 0, static_cast<uint16_t>(n), n);
+        return outcome::reply;
+    }
+    case DYP_TYPE_END:
+        put_response(ctx, 0, 0, 0, 0);
+        dypd_session_leave(session);
+        return outcome::reply;
+    default:
+        put_response(ctx, 0, acknowledged_offset(ctx.fields), ctx.fields.length, 0);
+        return outcome::reply;
+    }
+}
+
+outcome build_response(request_context &ctx) {
+    switch (ctx.endpoint->session.command->mode) {
+    case DYPD_XFER_READ:
+        return respond_read(ctx);
+    case DYPD_XFER_WRITE:
+        return respond_write(ctx);
+    case DYPD_XFER_EXEC:
+        return respond_exec(ctx);
+    default:
+        return outcome::abandon;
+    }
+}
+
+// START opens the session and then counts as the first DATA packet; END
+// skips the window.
+outcome handle_transfer(request_context &ctx) {
+    outcome result = outcome::reply;
+    if (ctx.fields.type == DYP_TYPE_START)
+        result = start_session(ctx);
+    if (result == outcome::reply)
+        result = check_requester(ctx);
+    if (result == outcome::reply && ctx.fields.type != DYP_TYPE_END)
+        result = move_window(ctx);
+    return result == outcome::reply ? build_response(ctx) : result;
+}
+
+// The session is neither consulted nor changed by a discovery request.
+void handle_advertise(request_context &ctx) {
+    dypd_udp_port *endpoint = ctx.endpoint;
+    if (endpoint->advertise == nullptr)
+        return;
+    int32_t size = endpoint->advertise(ctx.request, endpoint->send_buffer, DYP_RESPONSE_MAX,
+                                       &ctx.sender, ctx.ifindex);
+    if (size < 0)
+        return;
+    if (size > 0) {
+        // A reply counts as activity, so it shields a transfer in progress.
+        endpoint->header.last_activity = clock_now();
+        sleep_for(static_cast<uint32_t>(random() % ADVERTISE_DELAY_SPAN_US));
+    }
+    send_reply(endpoint, std::min<uint32_t>(static_cast<uint32_t>(size), DYP_RESPONSE_MAX),
+               &ctx.sender);
+}
+
+void abandon_session(dypd_session *session) {
+    if (in_progress(session))
+        dypd_session_leave(session);
+}
+} // namespace
+
+void dypd_handler_set_clock(dypd_clock_fn clock, dypd_sleep_fn sleep) {
+    clock_now = clock != nullptr ? clock : dypd_get_systime;
+    sleep_for = sleep != nullptr ? sleep : wall_sleep;
+}
+
+void dypd_dyp_handler(dyp_daemon_context *daemon, dypd_udp_port *endpoint) {
+    (void)daemon;
+    if (endpoint == nullptr)
+        return;
+    request_context ctx{};
+    ctx.endpoint = endpoint;
+    ctx.request = endpoint->recv_buffer;
+    int received = receive_request(endpoint, &ctx.sender, &ctx.ifindex);
+    if (received < static_cast<int>(DYP_REQUEST_HEADER_SIZE))
+        return;
+    uint8_t *request = endpoint->recv_buffer;
+    request[DYP_REQ_NAME + DYP_NAME_SIZE - 1] = '\0';
+    ctx.fields = {get_be16(request + DYP_REQ_TYPE), get_be16(request + DYP_REQ_OFFSET),
+                  get_be16(request + DYP_REQ_LENGTH)};
+
+    outcome result;
+    switch (ctx.fields.type) {
+    case DYP_TYPE_START:
+    case DYP_TYPE_DATA:
+    case DYP_TYPE_END:
+        result = handle_transfer(ctx);
+        break;
+    case DYP_TYPE_ADVERTISE:
+        handle_advertise(ctx);
+        return;
+    default:
+        result = outcome::abandon;
+        break;
+    }
+    if (result == outcome::abandon) {
+        abandon_session(&endpoint->session);
+    } else if (result == outcome::reply) {
+        endpoint->header.last_activity = clock_now();
+        send_reply(endpoint, ctx.size, &ctx.sender);
+    }
+}

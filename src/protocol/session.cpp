@@ -1,0 +1,98 @@
+#include "protocol/session.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "lib/alloc.h"
+#include "protocol/command.h"
+
+namespace {
+// Family, port and IPv4 address: the part of a socket address that names a
+// requester. The zero padding after it is not compared.
+constexpr size_t REQUESTER_KEY_SIZE = 8;
+static_assert(offsetof(sockaddr_in, sin_addr) + sizeof(in_addr) == REQUESTER_KEY_SIZE);
+
+// A range [position, position + count) inside the buffer; the end may touch
+// the buffer's end exactly.
+bool range_fits(uint32_t count, uint32_t position) {
+    return static_cast<uint64_t>(position) + count <= DYPD_SESSION_BUFFER_SIZE;
+}
+} // namespace
+
+int dypd_session_init(dypd_session *session) {
+    *session = dypd_session{};
+    session->buffer = static_cast<uint8_t *>(dyp_malloc(DYPD_SESSION_BUFFER_SIZE));
+    return session->buffer == nullptr ? -ENOMEM : 0;
+}
+
+void dypd_session_cleanup(dypd_session *session) {
+    dyp_free(session->buffer);
+    session->buffer = nullptr;
+    dyp_free(session->requester);
+    session->requester = nullptr;
+}
+
+int dypd_session_enter(dypd_session *session, const dypd_command *command,
+                       const sockaddr_in *requester, int32_t ifindex) {
+    if (session == nullptr || requester == nullptr)
+        return -EINVAL;
+    if (session->requester != nullptr)
+        return -EINPROGRESS;
+    auto *copy = static_cast<sockaddr_in *>(dyp_malloc(sizeof(sockaddr_in)));
+    if (copy == nullptr)
+        return -ENOMEM;
+    std::memcpy(copy, requester, sizeof(sockaddr_in));
+    session->length = 0;
+    session->command = command;
+    session->requester = copy;
+    session->ifindex = ifindex;
+    return 0;
+}
+
+void dypd_session_leave(dypd_session *session) {
+    if (session == nullptr)
+        return;
+    session->command = nullptr;
+    dyp_free(session->requester);
+    session->requester = nullptr;
+}
+
+int dypd_session_equals(const dypd_session *session, const dypd_command *command,
+                        const sockaddr_in *address) {
+    if (session == nullptr || command == nullptr || address == nullptr ||
+        session->command == nullptr || session->requester == nullptr)
+        return 0;
+    if (std::strcmp(command->name, session->command->name) != 0)
+        return 0;
+    return std::memcmp(address, session->requester, REQUESTER_KEY_SIZE) == 0 ? 1 : 0;
+}
+
+uint8_t *dypd_session_get_buffer(dypd_session *session, uint32_t *capacity) {
+    *capacity = DYPD_SESSION_BUFFER_SIZE;
+    return session->buffer;
+}
+
+void dypd_session_release_buffer(dypd_session *session, const uint8_t *buffer, uint32_t count) {
+    if (buffer == session->buffer)
+        session->length = count;
+}
+
+int dypd_session_put_data(dypd_session *session, const void *source, uint32_t count,
+                          uint32_t position) {
+    if (session == nullptr || source == nullptr)
+        return -EINVAL;
+    if (!range_fits(count, position))
+        return -ENOMEM;
+    std::memcpy(session->buffer + position, source, count);
+    if (position + count > session->length)
+        session->length = position + count;
+    return 0;
+}
+
+int dypd_session_get_data(const dypd_session *session, void *destination, uint32_t count,
+                          uint32_t position) {
+    if (session == nullptr || destination == nullptr || !range_fits(count, position))
+        return -EINVAL;
+    std::memcpy(destination, session->buffer + position, count);
+    return 0;
+}
