@@ -1,0 +1,141 @@
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "daemon/dypd_priv.h"
+#include "lib/alloc.h"
+#include "lib/cfgctrl.h"
+#include "lib/nerrno.h"
+
+namespace {
+
+enum class conversion { number, not_a_number, failed };
+
+struct converted {
+    conversion kind;
+    long value; // the number, or the negative errno when the conversion failed
+};
+
+// strtol in base 0 (decimal, 0x hexadecimal, leading-0 octal) with the
+// outcomes the loader tells apart. The box's long is 32 bits wide, so the
+// same limits are applied on every build: a value outside them is a range
+// error here too.
+converted convert_number(const char *text) {
+    char *end = nullptr;
+    errno = 0;
+    long value = strtol(text, &end, 0);
+    if (errno == 0 && (value > INT32_MAX || value < INT32_MIN))
+        errno = ERANGE;
+    if (errno == EINVAL)
+        return {conversion::failed, -EINVAL};
+    if (errno != 0)
+        return value == 0 ? converted{conversion::number, 0}
+                          : converted{conversion::failed, -errno};
+    if (end == text || *end != '\0')
+        return {conversion::not_a_number, 0};
+    return {conversion::number, value};
+}
+
+// Copies a non-empty value into a 16-byte identity field, cut to 15.
+void load_name(const char *path, const char *key, char (&field)[16]) {
+    char *value = nullptr;
+    if (tq_cfg_get_ini_string(path, nullptr, key, &value) < 0)
+        return;
+    if (value[0] != '\0') {
+        strncpy(field, value, sizeof field);
+        field[sizeof field - 1] = '\0';
+    }
+    tq_cfg_release_string(value);
+}
+
+// The bind list is taken from the file only while neither the command line
+// nor an earlier load has set it; the value string then stays the setting
+// for the life of the process.
+void load_bind_interfaces(const char *path, dypd_settings *settings) {
+    if (settings->bind_interfaces != network_interface_name)
+        return;
+    char *value = nullptr;
+    if (tq_cfg_get_ini_string(path, nullptr, "netif", &value) < 0)
+        return;
+    if (value[0] == '\0') {
+        tq_cfg_release_string(value);
+        return;
+    }
+    settings->bind_interfaces = value;
+}
+
+// Converts every comma-separated piece of `text` into `list`. Returns 1
+// when all pieces are numbers, 0 when a piece is not a number (the load
+// then ends successfully without the new list), or a negative errno.
+int parse_ports(char *text, int32_t *list, int32_t *count) {
+    char *state = nullptr;
+    for (char *piece = strtok_r(text, ",", &state); piece != nullptr;
+         piece = strtok_r(nullptr, ",", &state)) {
+        converted port = convert_number(piece);
+        if (port.kind == conversion::failed)
+            return static_cast<int>(port.value);
+        if (port.kind == conversion::not_a_number)
+            return 0;
+        list[(*count)++] = static_cast<int32_t>(port.value);
+    }
+    return 1;
+}
+
+// Returns 1 to go on with "ds_port", otherwise the load's final result.
+int load_ports(const char *path, dypd_settings *settings) {
+    char *value = nullptr;
+    if (tq_cfg_get_ini_string(path, nullptr, "portnum", &value) < 0)
+        return 1;
+    // A value of n bytes holds at most n / 2 + 1 numbers.
+    size_t capacity = strlen(value) / 2 + 1;
+    auto *list = static_cast<int32_t *>(dyp_malloc(capacity * sizeof(int32_t)));
+    if (list == nullptr) {
+        tq_cfg_release_string(value);
+        return -ENOMEM;
+    }
+    int32_t count = 0;
+    int result = parse_ports(value, list, &count);
+    tq_cfg_release_string(value);
+    if (result <= 0 || count == 0) {
+        dyp_free(list);
+        return result;
+    }
+    // The previous list is the built-in table or one the caller still
+    // owns, so it is left alone.
+    settings->ports = list;
+    settings->port_count = count;
+    return 1;
+}
+
+int load_primary_port(const char *path, dypd_settings *settings) {
+    char *value = nullptr;
+    if (tq_cfg_get_ini_string(path, nullptr, "ds_port", &value) < 0)
+        return 0;
+    converted port =
+        value[0] == '\0' ? converted{conversion::not_a_number, 0} : convert_number(value);
+    tq_cfg_release_string(value);
+    if (port.kind == conversion::failed)
+        return static_cast<int>(port.value);
+    if (port.kind == conversion::number)
+        settings->primary_port = static_cast<int32_t>(port.value);
+    return 0;
+}
+
+} // namespace
+
+int dypd_configfile_load(dypd_settings *settings) {
+    const char *path = settings->config_path;
+    if (path == nullptr)
+        return 0;
+    if (access(path, R_OK) < 0)
+        return neg_errno();
+    load_name(path, "product", settings->identity.product_name);
+    load_name(path, "hostname", settings->identity.host_name);
+    load_bind_interfaces(path, settings);
+    int result = load_ports(path, settings);
+    if (result != 1)
+        return result;
+    return load_primary_port(path, settings);
+}
