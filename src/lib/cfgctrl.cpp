@@ -1,0 +1,320 @@
+#include "lib/cfgctrl.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "lib/alloc.h"
+#include "lib/fd.h"
+#include "lib/log.h"
+#include "lib/nerrno.h"
+#include "lib/tqstdio.h"
+
+namespace {
+constexpr char blanks[] = " \t";
+constexpr char temp_template[] = "conf.tmp.XXXXXX";
+
+// A NUL-terminated heap copy of `length` bytes of `text`, or null.
+char *copy_text(const char *text, size_t length) {
+    auto *copy = static_cast<char *>(dyp_malloc(length + 1));
+    if (copy == nullptr)
+        return nullptr;
+    std::memcpy(copy, text, length);
+    copy[length] = '\0';
+    return copy;
+}
+
+// The name inside a section header line ("[name]..."), cut at the first
+// ']' in place; null when the line is no header.
+char *section_name(char *line) {
+    if (line[0] != '[')
+        return nullptr;
+    char *close = std::strchr(line, ']');
+    if (close == nullptr)
+        return nullptr;
+    *close = '\0';
+    return line + 1;
+}
+
+bool is_section_header(const char *line) {
+    return line[0] == '[' && std::strchr(line, ']') != nullptr;
+}
+
+// Opens a configuration file for reading; null when it cannot be.
+FILE *open_for_reading(const char *path) {
+    return fopen(path, "re");
+}
+
+// Reads the pairs that follow the current position up to the next header
+// or the end of the file and hands each to `take`, which owns it from then
+// on and returns a positive value to go on, 0 to stop or a negative errno
+// value to fail. Lines that are not pairs are skipped. Returns 0 at the end
+// of the section or when stopped.
+template <typename F> int read_section_pairs(FILE *stream, F &&take) {
+    tq_line_buffer line;
+    for (;;) {
+        int length = line.read(stream);
+        if (length == -ENOENT)
+            return 0;
+        if (length < 0)
+            return length;
+        if (is_section_header(line.data))
+            return 0;
+        tq_cfg_pair *pair = nullptr;
+        int split = tq_cfg_split_line(line.data, &pair);
+        if (split == -EINVAL)
+            continue;
+        if (split < 0)
+            return split;
+        int taken = take(pair);
+        if (taken <= 0)
+            return taken;
+    }
+}
+} // namespace
+
+void tq_cfg_free_pair(tq_cfg_pair *pair) {
+    if (pair == nullptr)
+        return;
+    dyp_free(pair->key);
+    dyp_free(pair->value);
+    dyp_free(pair);
+}
+
+int tq_cfg_split_line(const char *text, tq_cfg_pair **pair_out) {
+    if (text == nullptr || pair_out == nullptr)
+        return -EINVAL;
+    const char *equals = std::strchr(text, '=');
+    if (equals == nullptr || equals == text)
+        return -EINVAL;
+    auto *pair = static_cast<tq_cfg_pair *>(dyp_calloc(1, sizeof(tq_cfg_pair)));
+    if (pair == nullptr)
+        return -ENOMEM;
+    const char *key = text + std::strspn(text, blanks);
+    const char *key_end = equals;
+    while (key_end > key && (key_end[-1] == ' ' || key_end[-1] == '\t'))
+        --key_end;
+    const char *value = equals + 1;
+    pair->key = copy_text(key, static_cast<size_t>(key_end - key));
+    pair->value = copy_text(value, std::strcspn(value, "\r\n"));
+    if (pair->key == nullptr || pair->value == nullptr) {
+        tq_cfg_free_pair(pair);
+        return -ENOMEM;
+    }
+    *pair_out = pair;
+    return 0;
+}
+
+int tq_cfg_seek_section(FILE *stream, const char *section) {
+    if (stream == nullptr)
+        return -EINVAL;
+    if (section == nullptr || section[0] == '\0')
+        return 0;
+    tq_line_buffer line;
+    for (;;) {
+        int length = line.read(stream);
+        if (length < 0)
+            return length;
+        const char *name = section_name(line.data);
+        if (name != nullptr && std::strcmp(name, section) == 0)
+            return 0;
+    }
+}
+
+int tq_cfg_get_ini_string(const char *path, const char *section, const char *key,
+                          char **value_out) {
+    if (path == nullptr || key == nullptr || value_out == nullptr)
+        return -EINVAL;
+    tq_stream file(open_for_reading(path));
+    if (file.get() == nullptr)
+        return -EIO;
+    int result = tq_cfg_seek_section(file.get(), section);
+    if (result < 0)
+        return result;
+    char *found = nullptr;
+    result = read_section_pairs(file.get(), [&](tq_cfg_pair *pair) {
+        bool match = std::strcmp(pair->key, key) == 0;
+        if (match) {
+            // The first occurrence wins: keep its value and stop.
+            found = pair->value;
+            pair->value = nullptr;
+        }
+        tq_cfg_free_pair(pair);
+        return match ? 0 : 1;
+    });
+    if (result < 0)
+        return result;
+    if (found == nullptr)
+        return -ENOENT;
+    *value_out = found;
+    return 0;
+}
+
+void tq_cfg_release_string(char *value) {
+    dyp_free(value);
+}
+
+int tq_cfg_get_section(const char *path, const char *section, tqmap<tq_cfg_pair> **map_out) {
+    if (path == nullptr || map_out == nullptr)
+        return -EINVAL;
+    tqmap<tq_cfg_pair> *map = tqmap_create<tq_cfg_pair>(std::strcmp);
+    if (map == nullptr)
+        return -ENOMEM;
+    int result = -EIO;
+    tq_stream file(open_for_reading(path));
+    if (file.get() != nullptr)
+        result = tq_cfg_seek_section(file.get(), section);
+    if (result == 0) {
+        result = read_section_pairs(file.get(), [map](tq_cfg_pair *pair) {
+            if (tqlist_append(map->list, pair) != nullptr)
+                return 1;
+            tq_cfg_free_pair(pair);
+            return -ENOMEM;
+        });
+    }
+    if (result < 0) {
+        tq_cfg_release_section(map);
+        return result;
+    }
+    *map_out = map;
+    return 0;
+}
+
+void tq_cfg_release_section(tqmap<tq_cfg_pair> *map) {
+    if (map == nullptr)
+        return;
+    tqlist_for_each(map->list, [](tq_cfg_pair *pair) {
+        tq_cfg_free_pair(pair);
+        return true;
+    });
+    tqmap_dispose(map);
+}
+
+namespace {
+// Appends the name of every section header of `stream` to `names`.
+int collect_section_names(FILE *stream, tqlist<char> *names) {
+    tq_line_buffer line;
+    for (;;) {
+        int length = line.read(stream);
+        if (length == -ENOENT)
+            return 0;
+        if (length < 0)
+            return length;
+        const char *name = section_name(line.data);
+        if (name == nullptr)
+            continue;
+        char *copy = copy_text(name, std::strlen(name));
+        if (copy == nullptr)
+            return -ENOMEM;
+        if (tqlist_append(names, copy) == nullptr) {
+            dyp_free(copy);
+            return -ENOMEM;
+        }
+    }
+}
+} // namespace
+
+int tq_cfg_get_section_list(const char *path, tqlist<char> **list_out) {
+    if (path == nullptr || list_out == nullptr)
+        return -EINVAL;
+    tqlist<char> *names = tqlist_create<char>();
+    if (names == nullptr)
+        return -ENOMEM;
+    int result = -EIO;
+    tq_stream file(open_for_reading(path));
+    if (file.get() != nullptr)
+        result = collect_section_names(file.get(), names);
+    if (result < 0) {
+        tq_cfg_release_section_list(names);
+        return result;
+    }
+    *list_out = names;
+    return 0;
+}
+
+void tq_cfg_release_section_list(tqlist<char> *list) {
+    if (list == nullptr)
+        return;
+    tqlist_for_each(list, [](char *name) {
+        dyp_free(name);
+        return true;
+    });
+    tqlist_dispose(list);
+}
+
+namespace {
+// Writes `line` to `out`, or "key=value" of the entry whose key equals the
+// line's text before the first '=' exactly as written (not trimmed, so
+// "a = 1" never matches the key "a").
+int rewrite_line(FILE *out, char *line, tqmap<tq_cfg_pair> *map) {
+    const tq_cfg_pair *entry = nullptr;
+    char *equals = std::strchr(line, '=');
+    if (equals != nullptr) {
+        *equals = '\0';
+        tqlist_node<tq_cfg_pair> *node = tqmap_find(map, line);
+        *equals = '=';
+        if (node != tqlist_head(map->list))
+            entry = node->item;
+    }
+    int written = entry != nullptr ? fprintf(out, "%s=%s\n", entry->key, entry->value)
+                                   : fprintf(out, "%s\n", line);
+    return written < 0 ? -ENOSPC : 0;
+}
+
+int rewrite_lines(FILE *in, FILE *out, tqmap<tq_cfg_pair> *map) {
+    tq_line_buffer line;
+    for (;;) {
+        int length = line.read(in);
+        if (length == -ENOENT)
+            return 0;
+        if (length < 0)
+            return length;
+        int written = rewrite_line(out, line.data, map);
+        if (written < 0)
+            return written;
+    }
+}
+
+// Rewrites `source` into a new file named after the template in
+// `temp_name` and renames it onto `path`.
+int rewrite_through(const char *path, FILE *source, char *temp_name, tqmap<tq_cfg_pair> *map) {
+    unique_fd temp_fd(mkostemp(temp_name, O_CLOEXEC));
+    if (!temp_fd.valid())
+        return neg_errno();
+    tq_stream temp(fdopen(temp_fd.get(), "w"));
+    if (temp.get() == nullptr)
+        return neg_errno();
+    (void)temp_fd.release();
+    int result = rewrite_lines(source, temp.get(), map);
+    if (result < 0)
+        return result;
+    if (fflush(temp.get()) != 0)
+        return neg_errno();
+    result = rename(temp_name, path);
+    if (result != 0) {
+        dyp_log(LOG_CRIT, "Rename config file fail master %s tmp %s", path, temp_name);
+        // The documented result of a failed rename is its own -1, not errno.
+        return result;
+    }
+    return temp.reset();
+}
+} // namespace
+
+int tq_cfg_set_strings(const char *path, const char *temp_dir, tqmap<tq_cfg_pair> *map) {
+    if (path == nullptr || temp_dir == nullptr || map == nullptr)
+        return -EINVAL;
+    tq_stream source(open_for_reading(path));
+    if (source.get() == nullptr)
+        return neg_errno();
+    // "<dir>/conf.tmp.XXXXXX": the separator, the template and its NUL.
+    size_t name_size = std::strlen(temp_dir) + 18;
+    auto *temp_name = static_cast<char *>(dyp_malloc(name_size));
+    if (temp_name == nullptr)
+        return -ENOMEM;
+    (void)snprintf(temp_name, name_size, "%s/%s", temp_dir, temp_template);
+    int result = rewrite_through(path, source.get(), temp_name, map);
+    dyp_free(temp_name);
+    return result;
+}
