@@ -128,17 +128,22 @@ int sim_driver::fill_names(void *arg) {
     return forced_count ? *forced_count : static_cast<int>(fitting);
 }
 
+// Fails with the injected result of the first named device that has one.
 int sim_driver::keep_alive(const void *arg, std::string &line) {
     const auto *record = static_cast<const usbds_name_list_record *>(arg);
     line += " count=" + std::to_string(record->count) +
             " reserved=" + std::to_string(record->reserved) + " names=";
+    int result = 0;
     for (size_t i = 0; i < record->count; ++i) {
-        std::string name = field_text(record->slots[i], USBDS_NAME_SIZE);
-        line += (i == 0 ? "" : ",") + name;
-        if (sim_device *device = find(record->slots[i]))
-            ++device->keep_alive_count;
+        line += (i == 0 ? "" : ",") + field_text(record->slots[i], USBDS_NAME_SIZE);
+        sim_device *device = find(record->slots[i]);
+        if (device == nullptr)
+            continue;
+        ++device->keep_alive_count;
+        if (result == 0)
+            result = device->injected_result;
     }
-    return 0;
+    return result;
 }
 
 int sim_driver::handle(unsigned long request, void *arg) {
