@@ -326,6 +326,10 @@ bytes encode_ska(const std::vector<std::string> &names) {
         b.push_back(0);
     }
     b.push_back(0); // the empty name that ends the list
+    // The box acts on the names only when the packet ends in two NULs, so an
+    // empty list is padded to the 6-byte minimum.
+    if (names.empty())
+        b.push_back(0);
     if (b.size() > SKA_BUFFER_SIZE)
         throw std::invalid_argument("keep-alive packet exceeds 4084 bytes");
     put16(b, 0, uint16_t(b.size()));
