@@ -1,0 +1,90 @@
+// A scriptable device-server module for the command and walk tests, and
+// the scaffolding those tests share (module list, box identity, request).
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <syslog.h>
+
+#include "ds/module.h"
+#include "protocol/identity.h"
+
+struct fake_interface {
+    std::string name;
+    int info_result = 0; // returned by get_interface_info for this name
+    std::string description = "Scanner";
+    uint8_t ipv4[4] = {192, 0, 2, 7};
+    uint8_t host_mac[6] = {2, 0, 0, 0, 0, 7};
+    uint16_t vendor_id = 0x04b8;
+    uint16_t product_id = 0x0142;
+    std::string location = "H12";
+    uint8_t aux1 = 0;
+    uint8_t aux2 = 0;
+    uint8_t status_flag = 0;
+    bool raw_description = false; // fill all 256 bytes, no NUL
+};
+
+class fake_module {
+  public:
+    explicit fake_module(const char *name);
+    ~fake_module();
+    fake_module(const fake_module &) = delete;
+    fake_module &operator=(const fake_module &) = delete;
+
+    dypd_ds_module *get() { return &module_; }
+    // Clears the named operation slot ("connect", "connect_ex", ...).
+    void drop(const std::string &operation);
+
+    std::vector<fake_interface> interfaces;
+    bool num_overridden = false;
+    int num_result = 0;   // used when num_overridden
+    bool names_overridden = false;
+    int names_result = 0; // used when names_overridden (names still written)
+    int unknown_info_result = -ENODEV;
+    int connect_result = 0;
+    int disconnect_result = 0;
+
+    // What the module saw.
+    std::vector<dypd_ds_connect_param_ex> connect_ex_calls;
+    std::vector<dypd_ds_connect_param> connect_calls;
+    std::vector<dypd_ds_connect_param> disconnect_calls;
+    std::vector<std::vector<std::string>> keep_alive_calls;
+    std::vector<uint16_t> names_asked; // list->count of every names call
+    int info_calls = 0;
+
+  private:
+    dypd_ds_module module_;
+};
+
+// Creates the module list for the test's life and registers `modules` in
+// order; disposes of the list at the end.
+class module_list_scope {
+  public:
+    explicit module_list_scope(std::vector<fake_module *> modules = {});
+    ~module_list_scope();
+    module_list_scope(const module_list_scope &) = delete;
+    module_list_scope &operator=(const module_list_scope &) = delete;
+};
+
+// Points the daemon context at a test-owned identity with `status`.
+class identity_scope {
+  public:
+    explicit identity_scope(uint16_t status = 0, const char *product = "Box",
+                            const char *host = "host");
+    ~identity_scope();
+    identity_scope(const identity_scope &) = delete;
+    identity_scope &operator=(const identity_scope &) = delete;
+    dypd_identity identity{};
+
+  private:
+    dypd_identity *saved_;
+};
+
+// A whole 510-byte request packet: type START, `name` (may hold binary
+// bytes) in the name field with byte 83 forced to NUL, `data` at 88.
+std::vector<uint8_t> make_request(const std::vector<uint8_t> &name,
+                                  const std::vector<uint8_t> &data = {});
+std::vector<uint8_t> text_bytes(const std::string &text);
