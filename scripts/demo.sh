@@ -1,0 +1,147 @@
+#!/usr/bin/env bash
+# Runs dypd against the simulated driver in a network namespace standing for
+# the box, and drives it with dypctl from a second namespace standing for a
+# host on the same link. Nothing leaves the two namespaces: they are joined
+# by one veth pair on 192.0.2.0/24, and both are removed on the way out,
+# also when the script is interrupted. Needs root (namespaces, mounts).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "demo.sh: needs root (it makes network namespaces and mounts)" >&2
+    exit 2
+fi
+
+need=()
+for pkg in cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux; do
+    dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
+done
+if [ ${#need[@]} -gt 0 ]; then
+    echo "== installing: ${need[*]}"
+    apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need[@]}" >/dev/null
+fi
+
+echo "== building (build-demo)"
+cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build-demo --target dypd dypctl dypsim_preload -j 2 >/dev/null
+dypd=$root/build-demo/dypd
+dypctl=$root/build-demo/tools/dypctl/dypctl
+preload=$(find "$root/build-demo/sim" -name 'libdypsim_preload*.so' | head -n1)
+devices=$root/examples/devices.ini
+
+tag=$$
+box_ns=dypdemo-box$tag
+host_ns=dypdemo-host$tag
+box_if=dypb$tag
+host_if=dyph$tag
+box_ip=192.0.2.10
+host_ip=192.0.2.20
+work=$(mktemp -d /tmp/dypdemo.XXXXXX)
+daemon_pid=
+
+cleanup() {
+    trap - EXIT INT TERM
+    if [ -n "$daemon_pid" ] && kill -0 "$daemon_pid" 2>/dev/null; then
+        kill "$daemon_pid" 2>/dev/null || true
+        wait "$daemon_pid" 2>/dev/null || true
+    fi
+    ip netns pids "$box_ns" 2>/dev/null | xargs -r kill 2>/dev/null || true
+    ip netns del "$box_ns" 2>/dev/null || true
+    ip netns del "$host_ns" 2>/dev/null || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'echo "demo.sh: interrupted" >&2; exit 130' INT TERM
+
+echo "== network: box $box_ip in $box_ns, host $host_ip in $host_ns"
+ip netns add "$box_ns"
+ip netns add "$host_ns"
+ip link add "$host_if" netns "$host_ns" type veth peer name "$box_if" netns "$box_ns"
+ip -n "$box_ns" addr add "$box_ip/24" dev "$box_if"
+ip -n "$host_ns" addr add "$host_ip/24" dev "$host_if"
+for ns in "$box_ns" "$host_ns"; do
+    ip -n "$ns" link set lo up
+done
+ip -n "$box_ns" link set "$box_if" up
+ip -n "$host_ns" link set "$host_if" up
+
+cat >"$work/dypd.conf" <<EOF
+product=DemoScanBox
+hostname=demobox
+netif=$box_if
+EOF
+
+# The box's private view: its own /var/run for the pid file, and the serial
+# numbers of the simulated devices where the daemon looks for them in sysfs
+# (location H112 is device 1-1.2; the class letter and the 'M' end are not
+# part of the name).
+cat >"$work/box.sh" <<'EOF'
+set -eu
+mount -t tmpfs tmpfs /var/run
+if [ -d /sys/bus/usb/devices ] && mount -t tmpfs tmpfs /sys/bus/usb/devices 2>/dev/null; then
+    awk -F= '
+        /^\[/ { loc = ""; serial = "" }
+        $1 == "location" { loc = $2 }
+        $1 == "serial" { serial = $2 }
+        loc != "" && serial != "" {
+            name = substr(loc, 2, 1)
+            rest = substr(loc, 3)
+            sep = "-"
+            for (i = 1; i <= length(rest); i++) {
+                c = substr(rest, i, 1)
+                if (c == "M") break
+                name = name sep c
+                sep = "."
+            }
+            print name, serial
+            loc = ""; serial = ""
+        }' "$DYPSIM_DEVICES" | while read -r dir serial; do
+        mkdir -p "/sys/bus/usb/devices/$dir"
+        printf '%s\n' "$serial" >"/sys/bus/usb/devices/$dir/serial"
+    done
+fi
+exec env LD_PRELOAD="$DYPSIM_PRELOAD" "$DYPD" -d -f "$DYPD_CONF"
+EOF
+
+echo "== starting dypd -d in $box_ns with the simulated driver ($devices)"
+DYPSIM_PRELOAD=$preload DYPSIM_DEVICES=$devices DYPD=$dypd DYPD_CONF=$work/dypd.conf \
+    ip netns exec "$box_ns" unshare -m --propagation private sh "$work/box.sh" \
+    >"$work/dypd.log" 2>&1 &
+daemon_pid=$!
+
+# Ready when the box answers discovery.
+ready=0
+for _ in $(seq 1 50); do
+    if ip netns exec "$host_ns" "$dypctl" discover --interface "$host_if" --timeout 0.2 >/dev/null 2>&1; then
+        ready=1
+        break
+    fi
+    kill -0 "$daemon_pid" 2>/dev/null || break
+done
+if [ $ready -ne 1 ]; then
+    echo "demo.sh: the daemon did not answer; its output:" >&2
+    cat "$work/dypd.log" >&2
+    exit 1
+fi
+
+step() {
+    echo
+    echo "\$ dypctl $*"
+    ip netns exec "$host_ns" "$dypctl" "$@"
+}
+
+step discover --interface "$host_if"
+step devices "$box_ip" --ex
+step status "$box_ip" scanner2
+step connect "$box_ip" scanner2
+step status "$box_ip" scanner2
+step disconnect "$box_ip" scanner2
+step keepalive "$box_ip" scanner2 --interval 0.5 --count 3
+
+echo
+echo "== daemon output"
+sed 's/^/  /' "$work/dypd.log"
+echo
+echo "demo finished: every step succeeded"
