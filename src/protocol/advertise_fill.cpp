@@ -18,8 +18,9 @@ constexpr uint8_t LINK_LOCAL_SECOND = 254;
 
 // A bounded copy into a 16-byte text field whose last byte is always NUL.
 void put_text16(uint8_t *field, const char *text) {
-    strncpy(reinterpret_cast<char *>(field), text, DYP_ADV_TEXT16 - 1);
-    field[DYP_ADV_TEXT16 - 1] = '\0';
+    size_t length = strnlen(text, DYP_ADV_TEXT16 - 1);
+    memcpy(field, text, length);
+    field[length] = '\0';
 }
 
 // A link-local address is reachable only from the same link-local network:
