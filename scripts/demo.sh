@@ -59,8 +59,8 @@ echo "== network: box $box_ip in $box_ns, host $host_ip in $host_ns"
 ip netns add "$box_ns"
 ip netns add "$host_ns"
 ip link add "$host_if" netns "$host_ns" type veth peer name "$box_if" netns "$box_ns"
-ip -n "$box_ns" addr add "$box_ip/24" dev "$box_if"
-ip -n "$host_ns" addr add "$host_ip/24" dev "$host_if"
+ip -n "$box_ns" addr add "$box_ip/24" brd + dev "$box_if"
+ip -n "$host_ns" addr add "$host_ip/24" brd + dev "$host_if"
 for ns in "$box_ns" "$host_ns"; do
     ip -n "$ns" link set lo up
 done
@@ -73,14 +73,15 @@ hostname=demobox
 netif=$box_if
 EOF
 
-# The box's private view: its own /var/run for the pid file, and the serial
-# numbers of the simulated devices where the daemon looks for them in sysfs
+# The box's private view: its own /var/run for the pid file, and a /sys/bus
+# holding only the serial numbers of the simulated devices, where the daemon
+# looks for them
 # (location H112 is device 1-1.2; the class letter and the 'M' end are not
 # part of the name).
 cat >"$work/box.sh" <<'EOF'
 set -eu
 mount -t tmpfs tmpfs /var/run
-if [ -d /sys/bus/usb/devices ] && mount -t tmpfs tmpfs /sys/bus/usb/devices 2>/dev/null; then
+if mount -t tmpfs tmpfs /sys/bus 2>/dev/null; then
     awk -F= '
         /^\[/ { loc = ""; serial = "" }
         $1 == "location" { loc = $2 }

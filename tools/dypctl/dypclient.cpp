@@ -535,9 +535,11 @@ in_addr interface_broadcast(const std::string &ifname) {
     for (ifaddrs *i = list; i && !ok; i = i->ifa_next) {
         if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET || ifname != i->ifa_name)
             continue;
+        // An address added without a broadcast address reports 0.0.0.0,
+        // which would reach only this host.
         if ((i->ifa_flags & IFF_BROADCAST) && i->ifa_broadaddr) {
             found = reinterpret_cast<sockaddr_in *>(i->ifa_broadaddr)->sin_addr;
-            ok = true;
+            ok = found.s_addr != INADDR_ANY;
         }
     }
     freeifaddrs(list);

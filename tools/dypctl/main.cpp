@@ -212,10 +212,10 @@ int cmd_discover(const args &a) {
     } else if (boxes.empty()) {
         std::cout << "no box answered\n";
     } else {
-        printf("%-21s %-17s %-15s %-15s %-10s %-30s %s\n", "ADDRESS", "MAC", "PRODUCT", "HOSTNAME",
+        printf("%-21s %-17s %-15s %-15s %-10s %-38s %s\n", "ADDRESS", "MAC", "PRODUCT", "HOSTNAME",
                "VERSION", "STATUS", "DEVICE");
         for (const auto &b : boxes)
-            printf("%-21s %-17s %-15s %-15s %-10s %-30s %s\n",
+            printf("%-21s %-17s %-15s %-15s %-10s %-38s %s\n",
                    (b.address + ":" + std::to_string(b.port)).c_str(), b.mac.c_str(),
                    b.product.c_str(), b.host_name.c_str(),
                    b.version.empty() ? "-" : b.version.c_str(), bits_text(b.status).c_str(),
@@ -252,7 +252,7 @@ int cmd_devices(const args &a) {
     printf("%u interface(s) counted, %zu listed\n", list.count, list.entries.size());
     if (list.entries.empty())
         return EXIT_OK;
-    printf("%-15s %-9s %-16s %-15s %-28s %s%s\n", "NAME", "VID:PID", "LOCATION", "HELD BY",
+    printf("%-15s %-9s %-16s %-15s %-38s %s%s\n", "NAME", "VID:PID", "LOCATION", "HELD BY",
            "STATUS", "DESCRIPTION", ex ? " / SERIAL" : "");
     for (const auto &d : list.entries) {
         char ids[16];
@@ -260,7 +260,7 @@ int cmd_devices(const args &a) {
         std::string desc = d.description;
         if (ex)
             desc += " / " + (d.serial.empty() ? std::string("-") : d.serial);
-        printf("%-15s %-9s %-16s %-15s %-28s %s\n", d.name.c_str(), ids, d.location.c_str(),
+        printf("%-15s %-9s %-16s %-15s %-38s %s\n", d.name.c_str(), ids, d.location.c_str(),
                holder_text(d.holder).c_str(), bits_text(d.status).c_str(), desc.c_str());
     }
     return EXIT_OK;
