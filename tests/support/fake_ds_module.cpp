@@ -15,7 +15,9 @@ std::map<const dypd_ds_module *, fake_module *> &registry() {
     return fakes;
 }
 
-fake_module *fake_of(const dypd_ds_module *module) { return registry().at(module); }
+fake_module *fake_of(const dypd_ds_module *module) {
+    return registry().at(module);
+}
 
 int fake_num(dypd_ds_module *module) {
     fake_module *fake = fake_of(module);
@@ -91,12 +93,14 @@ void fake_keep_alive(dypd_ds_module *module, const dypd_ds_name_list *list) {
 } // namespace
 
 fake_module::fake_module(const char *name)
-    : module_{name,          0,           fake_connect, fake_connect_ex, fake_disconnect,
-              fake_num,      fake_info,   fake_names,   fake_keep_alive} {
+    : module_{name,     0,         fake_connect, fake_connect_ex, fake_disconnect,
+              fake_num, fake_info, fake_names,   fake_keep_alive} {
     registry()[&module_] = this;
 }
 
-fake_module::~fake_module() { registry().erase(&module_); }
+fake_module::~fake_module() {
+    registry().erase(&module_);
+}
 
 void fake_module::drop(const std::string &operation) {
     if (operation == "connect")
@@ -134,7 +138,9 @@ identity_scope::identity_scope(uint16_t status, const char *product, const char 
     dyp_daemon.header.settings = &identity;
 }
 
-identity_scope::~identity_scope() { dyp_daemon.header.settings = saved_; }
+identity_scope::~identity_scope() {
+    dyp_daemon.header.settings = saved_;
+}
 
 std::vector<uint8_t> make_request(const std::vector<uint8_t> &name,
                                   const std::vector<uint8_t> &data) {

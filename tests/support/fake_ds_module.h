@@ -40,7 +40,7 @@ class fake_module {
 
     std::vector<fake_interface> interfaces;
     bool num_overridden = false;
-    int num_result = 0;   // used when num_overridden
+    int num_result = 0; // used when num_overridden
     bool names_overridden = false;
     int names_result = 0; // used when names_overridden (names still written)
     int unknown_info_result = -ENODEV;

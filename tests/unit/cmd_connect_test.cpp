@@ -42,7 +42,9 @@ class ScannerCommand : public ::testing::Test {
         EXPECT_EQ(n, 3);
         return n == 3 ? std::string(reinterpret_cast<char *>(out), 3) : std::string();
     }
-    std::string connect(const connect_args &a) { return run(dypcmd_exec_scanner_connect, build(a)); }
+    std::string connect(const connect_args &a) {
+        return run(dypcmd_exec_scanner_connect, build(a));
+    }
     std::string disconnect(connect_args a) {
         a.command = "EXEC SCANNER DISCONNECT";
         return run(dypcmd_exec_scanner_disconnect, build(a));
@@ -189,8 +191,7 @@ TEST_F(ScannerCommand, DisconnectLogsEachFailureAndTriesTheRest) {
     module_list_scope list({&first, &second});
     log_capture log;
     EXPECT_EQ(disconnect(connect_args{}), OK);
-    EXPECT_EQ(log.count(LOG_ERR, "cannot disconnect an interface usb1 module first (err: -5)"),
-              1);
+    EXPECT_EQ(log.count(LOG_ERR, "cannot disconnect an interface usb1 module first (err: -5)"), 1);
     EXPECT_EQ(log.lines().size(), 1u);
 }
 

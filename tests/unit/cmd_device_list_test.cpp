@@ -63,9 +63,10 @@ std::vector<entry> parse(const uint8_t *p, int32_t size, bool ex, int *count) {
 class DeviceList : public ::testing::Test {
   protected:
     std::vector<entry> fetch(bool ex, int *count, uint32_t capacity = sizeof out) {
-        auto request = make_request(text_bytes(ex ? "GET USB_DEVICE_LIST_EX" : "GET USB_DEVICE_LIST"));
-        size = (ex ? dypcmd_get_usb_device_list_ex : dypcmd_get_usb_device_list)(
-            &session, request.data(), out, capacity);
+        auto request =
+            make_request(text_bytes(ex ? "GET USB_DEVICE_LIST_EX" : "GET USB_DEVICE_LIST"));
+        size = (ex ? dypcmd_get_usb_device_list_ex
+                   : dypcmd_get_usb_device_list)(&session, request.data(), out, capacity);
         return size > 0 ? parse(out, size, ex, count) : std::vector<entry>{};
     }
     void add(fake_module &module, int n, const std::string &prefix) {

@@ -94,7 +94,10 @@ TEST_F(ScannerStatus, QuietFailuresLeaveTheInterfaceUnknownWithoutLogging) {
 TEST_F(ScannerStatus, TheBoxMacComesFromTheReceivingInterface) {
     DYP_REQUIRE_ROOT();
     test_netns ns("st");
-    ASSERT_EQ(ns.exec("ip link add d0 type veth peer name d1 && ip link set d0 address 02:aa:bb:cc:dd:ee"), 0);
+    ASSERT_EQ(
+        ns.exec(
+            "ip link add d0 type veth peer name d1 && ip link set d0 address 02:aa:bb:cc:dd:ee"),
+        0);
     netns_scope inside(ns.name());
     ASSERT_TRUE(inside.ok());
     session.ifindex = static_cast<int32_t>(if_nametoindex("d0"));
@@ -136,7 +139,9 @@ TEST_F(PortNames, AFailingModuleDropsOnlyItsOwnNames) {
     second.names_result = -EIO;
     module_list_scope list({&first, &second});
     log_capture log;
-    EXPECT_EQ(names(), bytes_of(std::string("\x02" "a\0b\0", 5)));
+    EXPECT_EQ(names(), bytes_of(std::string("\x02"
+                                            "a\0b\0",
+                                            5)));
     EXPECT_EQ(log.count(LOG_ERR, "cannot get interface names module second (err: -5)"), 1);
 }
 
@@ -145,7 +150,9 @@ TEST_F(PortNames, NamesThatDoNotFitRollTheModuleBack) {
     second.interfaces = {{"bbbb"}, {"cccc"}};
     module_list_scope list({&first, &second});
     // The count byte, "aaaa\0", then only five bytes: "cccc" cannot follow.
-    EXPECT_EQ(names(11), bytes_of(std::string("\x01" "aaaa\0", 6)));
+    EXPECT_EQ(names(11), bytes_of(std::string("\x01"
+                                              "aaaa\0",
+                                              6)));
 }
 
 TEST_F(PortNames, UnterminatedNamesAreCutAtTheirSlot) {

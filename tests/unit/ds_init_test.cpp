@@ -148,9 +148,9 @@ TEST_F(DsInit, HooksServeTheSkaSocketAndReportItsAbsence) {
     ska.sin_port = htons(SKA_PORT);
     ska.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const uint8_t packet[6] = {0x00, 0x06, 'K', 'A', 0x00, 0x00};
-    ASSERT_EQ(sendto(client, packet, sizeof packet, 0, reinterpret_cast<sockaddr *>(&ska),
-                     sizeof ska),
-              6);
+    ASSERT_EQ(
+        sendto(client, packet, sizeof packet, 0, reinterpret_cast<sockaddr *>(&ska), sizeof ska),
+        6);
     dypd_ds_subproto_handler(nullptr, &set);
     uint8_t echo[16];
     EXPECT_EQ(recv(client, echo, sizeof echo, MSG_DONTWAIT), 6);

@@ -110,8 +110,7 @@ TEST(ModuleWalk, FetchLogsCountAndNameFailuresWithTheModuleName) {
     module.num_result = -EIO;
     dypd_ds_name_list names = {};
     EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get the number of interfaces module broken (err: -5)"),
-              1);
+    EXPECT_EQ(log.count(LOG_ERR, "cannot get the number of interfaces module broken (err: -5)"), 1);
 
     module.num_result = 2;
     module.names_overridden = true;

@@ -46,7 +46,8 @@ class SerialLookup : public ::testing::Test {
         return dypd_ds_get_serial(&session, &info, serial);
     }
     std::string text() const {
-        return std::string(reinterpret_cast<const char *>(serial), strnlen(reinterpret_cast<const char *>(serial), 64));
+        return std::string(reinterpret_cast<const char *>(serial),
+                           strnlen(reinterpret_cast<const char *>(serial), 64));
     }
 
     std::string root;
