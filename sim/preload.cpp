@@ -41,10 +41,12 @@ struct preload_state {
     std::set<int> placeholders;
 };
 
-// Built on first use: the interposers can run before static constructors.
+// Built on first use, since the interposers can run before static
+// constructors, and never destroyed, since close() still runs after static
+// destructors at exit.
 preload_state &state() {
-    static preload_state instance;
-    return instance;
+    static preload_state *instance = new preload_state;
+    return *instance;
 }
 
 void append_log(const std::string &line) {

@@ -10,7 +10,7 @@
 namespace {
 
 int system_open(const char *path, int flags) {
-    return nerrno(::open(path, flags | O_CLOEXEC));
+    return nerrno(::open(path, flags));
 }
 
 // A failed ioctl that leaves errno at 0 still counts as a failure: it is

@@ -84,10 +84,4 @@ TEST_F(SimDriverTest, NamesFitTheSlotsButAForcedCountIsAnsweredAsIs) {
     EXPECT_EQ(driver.handle(USBDS_IOC_GET_INTERFACE_NAMES, &record), 5);
 }
 
-TEST_F(SimDriverTest, UnknownRequestsAreRefused) {
-    EXPECT_EQ(driver.handle(_IO('U', 0xF3), nullptr), -ENOTTY);
-    driver.control_file_missing = true;
-    EXPECT_EQ(driver.open_result(), -ENOENT);
-}
-
 } // namespace
