@@ -92,7 +92,8 @@ int usbds_get_interface_names(dypd_ds_module *, dypd_ds_name_list *list) {
 }
 
 // "<manufacturer> " or "VID [0x....] ", then the product or "PID [0x....]",
-// cut to the 255 characters the description holds.
+// cut to the 255 characters the description holds. The driver's strings
+// are read no further than their fields, terminated or not.
 void compose_description(char (&description)[USBDS_TEXT_SIZE], const usbds_info_record &record) {
     int formatted;
     if (record.manufacturer[0] != '\0')
@@ -136,6 +137,7 @@ int usbds_get_interface_info(dypd_ds_module *, dypd_ds_interface_info *info) {
 }
 
 void usbds_keep_alive(dypd_ds_module *, const dypd_ds_name_list *list) {
+    // Logged as a signed number, as the request appears in the box's logs.
     const int request = static_cast<int>(USBDS_IOC_KEEP_ALIVE);
     usbds_name_list_record record{};
     usbds_driver_fd driver;
