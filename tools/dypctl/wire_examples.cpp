@@ -99,7 +99,7 @@ int main() {
     memcpy(&adv[72], "Ver 2.2.0", 9);
     adv[82] = 0x80;
     adv[83] = 0x83;
-    memcpy(&adv[84], "DocuFeed 410", 12);
+    memcpy(&adv[84], "Northwind Imaging DocuFeed 410", 30);
     memcpy(&adv[116], "demobox", 7);
     (void)dyp::decode_advertise_reply(adv.data(), adv.size());
     show("advertise reply", adv);
@@ -108,8 +108,8 @@ int main() {
     start_read("GET USB_DEVICE_LIST_EX");
     std::string serial = "NW410A00017";
     bytes list = {1};
-    append(list, device_entry("scanner1", "DocuFeed 410", ip(192, 0, 2, 20), 0x8083, 0x1f3a, 0x0410,
-                              "H112", 1, &serial));
+    append(list, device_entry("scanner1", "Northwind Imaging DocuFeed 410", ip(192, 0, 2, 20),
+                              0x8083, 0x1f3a, 0x0410, "H112", 1, &serial));
     (void)dyp::decode_device_list(list, true);
     bytes r = reply(1, 0, 0, list);
     check_reply(r);
@@ -128,7 +128,7 @@ int main() {
     append(st, ip(192, 0, 2, 20));
     append(st, mac(0x14));
     append(st, mac(0x0a));
-    append_text(st, "DocuFeed 410");
+    append_text(st, "Northwind Imaging DocuFeed 410");
     (void)dyp::decode_scanner_status(st);
     show("START reply", reply(1, 0, 0, st));
 
