@@ -1,5 +1,6 @@
 #include "protocol/handler.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
@@ -90,12 +91,13 @@ int32_t test_advertise(const uint8_t *, uint8_t *reply, uint32_t capacity, const
 
 bytes request(uint16_t type, const char *name, uint16_t offset, uint16_t length,
               size_t size = DYP_REQUEST_HEADER_SIZE) {
-    bytes r(size, 0);
+    bytes r(std::max<size_t>(size, DYP_REQUEST_HEADER_SIZE), 0);
     put_be16(r.data() + DYP_REQ_TYPE, type);
     if (name != nullptr)
         std::strncpy(reinterpret_cast<char *>(r.data() + DYP_REQ_NAME), name, DYP_NAME_SIZE);
     put_be16(r.data() + DYP_REQ_OFFSET, offset);
     put_be16(r.data() + DYP_REQ_LENGTH, length);
+    r.resize(size); // a short datagram is cut from a whole header
     return r;
 }
 
