@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <unistd.h>
 
 #include "lib/alloc.h"
 #include "lib/fd.h"
@@ -38,10 +37,6 @@ char *section_name(char *line) {
     return line + 1;
 }
 
-bool is_section_header(const char *line) {
-    return line[0] == '[' && std::strchr(line, ']') != nullptr;
-}
-
 // Opens a configuration file for reading; null when it cannot be.
 FILE *open_for_reading(const char *path) {
     return fopen(path, "re");
@@ -60,7 +55,7 @@ template <typename F> int read_section_pairs(FILE *stream, F &&take) {
             return 0;
         if (length < 0)
             return length;
-        if (is_section_header(line.data))
+        if (section_name(line.data) != nullptr)
             return 0;
         tq_cfg_pair *pair = nullptr;
         int split = tq_cfg_split_line(line.data, &pair);
@@ -298,7 +293,7 @@ int rewrite_through(const char *path, FILE *source, char *temp_name, tqmap<tq_cf
         // The documented result of a failed rename is its own -1, not errno.
         return result;
     }
-    return temp.reset();
+    return 0;
 }
 } // namespace
 

@@ -98,11 +98,3 @@ int tq_fgotoline(FILE *stream, int line_number) {
     }
     return 0;
 }
-
-int tq_stream::reset() {
-    if (file_ == nullptr)
-        return 0;
-    int result = nerrno(fclose(file_));
-    file_ = nullptr;
-    return result;
-}

@@ -48,13 +48,16 @@ struct tq_line_buffer {
 class tq_stream {
   public:
     explicit tq_stream(FILE *file) : file_(file) {}
-    ~tq_stream() { reset(); }
+    // A close error is not reported: streams written through this owner are
+    // flushed and checked before.
+    ~tq_stream() {
+        if (file_ != nullptr)
+            (void)fclose(file_);
+    }
     tq_stream(const tq_stream &) = delete;
     tq_stream &operator=(const tq_stream &) = delete;
 
     FILE *get() const { return file_; }
-    // Closes the stream now; the result is fclose's, as negative errno.
-    int reset();
 
   private:
     FILE *file_;
