@@ -272,8 +272,8 @@ int cmd_status(const args &a) {
         throw usage_error("interface name must have 1 to 15 characters");
     auto result = dyp::transfer_read(box, "GET SCANNER_STATUS:" + ifname, {}, transfer_opts(a));
     auto s = dyp::decode_scanner_status(result);
-    // The box sets bit 0x0001 for an interface it serves; its own base status
-    // word is zero unless a driver reports otherwise.
+    // The box sets bit 0x0001 for an interface it serves; the daemon status
+    // word it ORs in starts at zero and nothing in the daemon sets bit 0.
     bool found = s.status & 0x0001;
     if (a.json) {
         std::cout << "{\"interface\":" << json_string(ifname)
