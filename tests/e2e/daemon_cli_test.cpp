@@ -217,44 +217,33 @@ std::string advertised_product(int fd, uint16_t port, int wait_ms = 5000) {
 
 } // namespace
 
-TEST(CommandLine, VersionGoesToStandardOutput) {
-    finished run = run_to_end({DYPD_BINARY, "-v"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, "dypd version 1.6.2 (DYP Ver 2.2.0)\n");
-    EXPECT_EQ(run.err, "");
-}
-
-TEST(CommandLine, HelpPrintsUsageAndSucceeds) {
-    finished run = run_to_end({DYPD_BINARY, "-h"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.err, USAGE);
-    EXPECT_EQ(run.out, "");
-}
-
-TEST(CommandLine, UnknownOptionPrintsUsageAndFails) {
-    finished run = run_to_end({DYPD_BINARY, "-x"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find(USAGE), std::string::npos);
-}
-
-TEST(CommandLine, OptionsActInTheOrderGiven) {
-    finished run = run_to_end({DYPD_BINARY, "-v", "-x"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.err, "");
-}
-
-TEST(CommandLine, UnreadableConfigurationFileFails) {
-    finished run = run_to_end({DYPD_BINARY, "-f", "/nonexistent/dypd.conf", "-v"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, "Cannot access the config file /nonexistent/dypd.conf (err: 2)\n");
-    EXPECT_EQ(run.out, "");
-}
-
-TEST(Configuration, InvalidFileIsRefusedBeforeAnythingStarts) {
-    temp_config config("product=Never\nportnum=19540,99999999999\n");
-    finished run = run_to_end({DYPD_BINARY, "-d", "-f", config.path()});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, "Detected invalid configuration\n");
+TEST(CommandLine, StatusesAndTextsOfTheShortRuns) {
+    temp_config invalid("product=Never\nportnum=19540,99999999999\n");
+    const std::string version = "dypd version 1.6.2 (DYP Ver 2.2.0)\n";
+    const std::string bad_option = std::string(DYPD_BINARY) + ": invalid option -- 'x'\n";
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string out, err;
+    } cases[] = {
+        {{"-v"}, 0, version, ""},
+        {{"-h"}, 0, "", USAGE},
+        {{"-x"}, 1, "", bad_option + USAGE},
+        {{"-v", "-x"}, 0, version, ""}, // options act in the order given
+        {{"-f", "/nonexistent/dypd.conf", "-v"},
+         1,
+         "",
+         "Cannot access the config file /nonexistent/dypd.conf (err: 2)\n"},
+        {{"-d", "-f", invalid.path()}, 1, "", "Detected invalid configuration\n"},
+    };
+    for (const auto &c : cases) {
+        std::vector<std::string> argv{DYPD_BINARY};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        finished run = run_to_end(argv);
+        EXPECT_EQ(run.status, c.status) << c.args[0];
+        EXPECT_EQ(run.out, c.out) << c.args[0];
+        EXPECT_EQ(run.err, c.err) << c.args[0];
+    }
 }
 
 TEST(Configuration, GarbageFileGivesTheDocumentedResult) {
@@ -263,11 +252,8 @@ TEST(Configuration, GarbageFileGivesTheDocumentedResult) {
         char byte = static_cast<char>(i * 7919u % 251u);
         garbage += byte == '[' ? 'x' : byte; // a header would end the unnamed section
     }
-    temp_config config(garbage + "\nds_port=0x\n");
-    finished run = run_to_end({DYPD_BINARY, "-d", "-f", config.path(), "-v"});
-    EXPECT_EQ(run.status, 0) << "-v ends start-up before the file is read";
-    config.write(garbage + "\nds_port=77777777777\n");
-    run = run_to_end({DYPD_BINARY, "-d", "-f", config.path()});
+    temp_config config(garbage + "\nds_port=77777777777\n");
+    finished run = run_to_end({DYPD_BINARY, "-d", "-f", config.path()});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err, "Detected invalid configuration\n");
 }

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
@@ -14,6 +13,9 @@
 
 namespace {
 
+const char command_line_list[] = "eth0";
+
+// Settings as start-up leaves them before the file, and a file to load.
 class ConfigFile : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -22,6 +24,14 @@ class ConfigFile : public ::testing::Test {
         ASSERT_GE(fd, 0);
         (void)close(fd);
         path = name;
+        reset();
+    }
+    void TearDown() override {
+        release();
+        (void)unlink(path.c_str());
+    }
+    void reset() {
+        settings = dypd_settings{};
         settings.config_path = path.c_str();
         settings.bind_interfaces = network_interface_name;
         settings.ports = default_ports;
@@ -30,172 +40,115 @@ class ConfigFile : public ::testing::Test {
         strcpy(settings.identity.product_name, "TQ Mirel 70");
         strcpy(settings.identity.host_name, "box");
     }
-    void TearDown() override {
+    void release() {
         if (settings.bind_interfaces != network_interface_name &&
             settings.bind_interfaces != command_line_list)
             tq_cfg_release_string(const_cast<char *>(settings.bind_interfaces));
         if (settings.ports != default_ports)
             dyp_free(settings.ports);
-        (void)unlink(path.c_str());
     }
-
-    void write(const std::string &text) {
+    int load(const std::string &text) {
         FILE *file = fopen(path.c_str(), "wb");
-        ASSERT_NE(file, nullptr);
-        ASSERT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
-        ASSERT_EQ(fclose(file), 0);
+        if (file == nullptr || fwrite(text.data(), 1, text.size(), file) != text.size())
+            return -1000;
+        (void)fclose(file);
+        return dypd_configfile_load(&settings);
+    }
+    std::string ports() const {
+        std::string text;
+        for (int i = 0; i < settings.port_count; ++i)
+            text += std::to_string(settings.ports[i]) + ";";
+        return text;
     }
 
-    std::vector<int> ports() const {
-        return std::vector<int>(settings.ports, settings.ports + settings.port_count);
-    }
-
-    static constexpr const char *command_line_list = "eth0";
     std::string path;
     dypd_settings settings{};
 };
 
 } // namespace
 
-TEST_F(ConfigFile, NoPathIsNotAnError) {
+TEST_F(ConfigFile, NoPathIsNotAnErrorAMissingFileIs) {
     settings.config_path = nullptr;
     EXPECT_EQ(dypd_configfile_load(&settings), 0);
-}
-
-TEST_F(ConfigFile, MissingFileIsReported) {
     settings.config_path = "/nonexistent/dypd.conf";
     EXPECT_EQ(dypd_configfile_load(&settings), -ENOENT);
 }
 
-TEST_F(ConfigFile, MissingKeysChangeNothing) {
-    write("[section]\nproduct=elsewhere\n");
-    EXPECT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_STREQ(settings.identity.product_name, "TQ Mirel 70");
-    EXPECT_STREQ(settings.identity.host_name, "box");
-    EXPECT_EQ(settings.bind_interfaces, network_interface_name);
-    EXPECT_EQ(settings.ports, default_ports);
-    EXPECT_EQ(settings.primary_port, 19540);
-}
-
-TEST_F(ConfigFile, AppliesEveryKey) {
-    write("product=Scanner Hub\nhostname=office\nnetif=eth0,!br1\nportnum=1000,1001,1002\n"
-          "ds_port=1001\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_STREQ(settings.identity.product_name, "Scanner Hub");
+TEST_F(ConfigFile, AppliesEveryKeyAsWritten) {
+    ASSERT_EQ(load("product= Scanner Hub\nhostname=office\nnetif= eth0,!br1\n"
+                   "portnum= 1000, 1001,,0x4c54,070\nds_port= 1001\n[x]\nhostname=inside\n"),
+              0);
+    // A blank after '=' stays in text values; numbers skip it.
+    EXPECT_STREQ(settings.identity.product_name, " Scanner Hub");
     EXPECT_STREQ(settings.identity.host_name, "office");
-    EXPECT_STREQ(settings.bind_interfaces, "eth0,!br1");
-    EXPECT_EQ(ports(), (std::vector<int>{1000, 1001, 1002}));
+    EXPECT_STREQ(settings.bind_interfaces, " eth0,!br1");
+    EXPECT_EQ(ports(), "1000;1001;19540;56;");
     EXPECT_EQ(settings.primary_port, 1001);
 }
 
+TEST_F(ConfigFile, MissingAndEmptyValuesKeepTheSettings) {
+    for (const char *text :
+         {"[section]\nproduct=elsewhere\n", "product=\nhostname=\nnetif=\nportnum=\nds_port=\n"}) {
+        ASSERT_EQ(load(text), 0) << text;
+        EXPECT_STREQ(settings.identity.product_name, "TQ Mirel 70");
+        EXPECT_STREQ(settings.identity.host_name, "box");
+        EXPECT_EQ(settings.bind_interfaces, network_interface_name);
+        EXPECT_EQ(settings.ports, default_ports);
+        EXPECT_EQ(settings.primary_port, 19540);
+    }
+    EXPECT_EQ(load("portnum=\nds_port=7\n"), 0);
+    EXPECT_EQ(settings.primary_port, 7) << "an empty port list goes on to ds_port";
+}
+
 TEST_F(ConfigFile, NamesAreCutToFifteenCharacters) {
-    write("product=ABCDEFGHIJKLMNOPQRST\nhostname=abcdefghijklmnopqrst\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
+    ASSERT_EQ(load("product=ABCDEFGHIJKLMNOPQRST\nhostname=abcdefghijklmnopqrst\n"), 0);
     EXPECT_STREQ(settings.identity.product_name, "ABCDEFGHIJKLMNO");
     EXPECT_STREQ(settings.identity.host_name, "abcdefghijklmno");
 }
 
-TEST_F(ConfigFile, EmptyValuesKeepTheCurrentSettings) {
-    write("product=\nhostname=\nnetif=\nportnum=\nds_port=\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_STREQ(settings.identity.product_name, "TQ Mirel 70");
-    EXPECT_STREQ(settings.identity.host_name, "box");
-    EXPECT_EQ(settings.bind_interfaces, network_interface_name);
-    EXPECT_EQ(settings.ports, default_ports);
-    EXPECT_EQ(settings.primary_port, 19540);
+TEST_F(ConfigFile, NumberRules) {
+    const struct {
+        const char *text;
+        int result;
+        const char *ports;
+        int primary;
+    } cases[] = {
+        {"portnum=19540, 19541\nds_port=0x4c55\n", 0, "19540;19541;", 19541},
+        {"portnum=85076,-1\nds_port=85076\n", 0, "85076;-1;", 85076}, // no range check
+        {"portnum=19540,abc\nds_port=1\n", 0, "19540;19541;", 19540}, // ds_port unread
+        {"portnum=19540x\nds_port=1\n", 0, "19540;19541;", 19540},
+        {"portnum=1,99999999999\nds_port=1\n", -ERANGE, "19540;19541;", 19540},
+        {"portnum=-99999999999\n", -ERANGE, "19540;19541;", 19540},
+        {"ds_port=12ab\n", 0, "19540;19541;", 19540},
+        {"ds_port= \n", 0, "19540;19541;", 19540},
+        {"ds_port=019\n", 0, "19540;19541;", 19540}, // not an octal number
+        {"ds_port=4294967296\n", -ERANGE, "19540;19541;", 19540},
+    };
+    for (const auto &c : cases) {
+        release();
+        reset();
+        EXPECT_EQ(load(c.text), c.result) << c.text;
+        EXPECT_EQ(ports(), c.ports) << c.text;
+        EXPECT_EQ(settings.primary_port, c.primary) << c.text;
+    }
 }
 
-TEST_F(ConfigFile, EmptyPortListStillReadsThePrimaryPort) {
-    write("portnum=\nds_port=7\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_EQ(settings.ports, default_ports);
-    EXPECT_EQ(settings.primary_port, 7);
-}
-
-TEST_F(ConfigFile, BlankAfterEqualsBelongsToTextValuesOnly) {
-    write("product= Hub\nhostname = office\nnetif= eth0\nportnum= 19540, 19541\nds_port= 19541\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_STREQ(settings.identity.product_name, " Hub");
-    EXPECT_STREQ(settings.identity.host_name, " office");
-    EXPECT_STREQ(settings.bind_interfaces, " eth0");
-    EXPECT_EQ(ports(), (std::vector<int>{19540, 19541}));
-    EXPECT_EQ(settings.primary_port, 19541);
-}
-
-TEST_F(ConfigFile, NumbersTakeEveryBase) {
-    write("portnum=0x4c54,070,,12\nds_port=0x4c55\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_EQ(ports(), (std::vector<int>{19540, 56, 12})) << "empty pieces are skipped";
-    EXPECT_EQ(settings.primary_port, 19541);
-}
-
-TEST_F(ConfigFile, NumbersAreNotRangeChecked) {
-    write("portnum=85076,-1\nds_port=85076\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_EQ(ports(), (std::vector<int>{85076, -1}));
-    EXPECT_EQ(settings.primary_port, 85076);
-}
-
-TEST_F(ConfigFile, PortListWithTextSucceedsWithoutChangingAnything) {
-    write("portnum=19540,abc\nds_port=1\n");
-    EXPECT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_EQ(settings.ports, default_ports);
-    EXPECT_EQ(settings.port_count, 2);
-    EXPECT_EQ(settings.primary_port, 19540) << "ds_port is left unread";
-    write("portnum=19540x\nds_port=1\n");
-    EXPECT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_EQ(settings.ports, default_ports);
-    EXPECT_EQ(settings.primary_port, 19540);
-}
-
-TEST_F(ConfigFile, PortBeyondThirtyTwoBitsIsARangeError) {
-    write("product=first\nportnum=1,99999999999\nds_port=1\n");
-    EXPECT_EQ(dypd_configfile_load(&settings), -ERANGE);
-    EXPECT_STREQ(settings.identity.product_name, "first") << "earlier keys stay applied";
-    EXPECT_EQ(settings.ports, default_ports);
-    EXPECT_EQ(settings.primary_port, 19540);
-    write("portnum=-99999999999\n");
-    EXPECT_EQ(dypd_configfile_load(&settings), -ERANGE);
-}
-
-TEST_F(ConfigFile, PrimaryPortRules) {
-    write("ds_port=12ab\n");
-    EXPECT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_EQ(settings.primary_port, 19540);
-    write("ds_port= \n");
-    EXPECT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_EQ(settings.primary_port, 19540);
-    write("ds_port=4294967296\n");
-    EXPECT_EQ(dypd_configfile_load(&settings), -ERANGE);
-    EXPECT_EQ(settings.primary_port, 19540);
-    write("ds_port=019\n");
-    EXPECT_EQ(dypd_configfile_load(&settings), 0) << "9 is not an octal digit";
-    EXPECT_EQ(settings.primary_port, 19540);
-}
-
-TEST_F(ConfigFile, CommandLineBindListWinsOverTheFile) {
+TEST_F(ConfigFile, CommandLineBindListWinsAndTheFileIsReadForItOnce) {
     settings.bind_interfaces = command_line_list;
-    write("netif=br1\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
+    ASSERT_EQ(load("netif=br1\n"), 0);
     EXPECT_EQ(settings.bind_interfaces, command_line_list);
-}
 
-TEST_F(ConfigFile, ReloadUpdatesNamesButReadsTheBindListOnce) {
-    write("product=one\nnetif=eth0\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
+    reset();
+    ASSERT_EQ(load("product=one\nnetif=eth0\n"), 0);
     const char *first_list = settings.bind_interfaces;
-    write("product=two\nnetif=eth1\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
-    EXPECT_STREQ(settings.identity.product_name, "two");
+    ASSERT_EQ(load("product=two\nnetif=eth1\n"), 0);
+    EXPECT_STREQ(settings.identity.product_name, "two") << "a reload renames at once";
     EXPECT_EQ(settings.bind_interfaces, first_list);
-    EXPECT_STREQ(settings.bind_interfaces, "eth0");
 }
 
-TEST_F(ConfigFile, FirstOccurrenceWinsAndSectionsAreIgnored) {
-    write("product=first\nproduct=second\n[other]\nhostname=inside\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
+TEST_F(ConfigFile, FailureKeepsWhatWasAlreadyApplied) {
+    EXPECT_EQ(load("product=first\nportnum=1,99999999999\n"), -ERANGE);
     EXPECT_STREQ(settings.identity.product_name, "first");
-    EXPECT_STREQ(settings.identity.host_name, "box");
 }
 
 TEST_F(ConfigFile, SurvivesBinaryGarbageAndHugeLines) {
@@ -207,22 +160,14 @@ TEST_F(ConfigFile, SurvivesBinaryGarbageAndHugeLines) {
         text += byte == '[' ? 'x' : byte; // a header would end the unnamed section
     }
     text += "\n" + std::string(1 << 20, 'k') + "=" + std::string(1 << 20, 'v') + "\n";
-    text += "product=" + std::string(100000, 'P') + "\n";
-    text += "hostname=ok\xff\x01\n";
-    text += "portnum=" + std::string(200000, '1') + "\n";
-    write(text);
-    EXPECT_EQ(dypd_configfile_load(&settings), -ERANGE);
+    text += "product=" + std::string(100000, 'P') + "\nhostname=ok\xff\x01\n";
+    std::string many_ports;
+    for (int i = 1; i <= 500; ++i)
+        many_ports += std::to_string(i) + ",";
+    EXPECT_EQ(load(text + "portnum=" + many_ports + "\n"), 0);
     EXPECT_STREQ(settings.identity.product_name, "PPPPPPPPPPPPPPP");
     EXPECT_STREQ(settings.identity.host_name, "ok\xff\x01");
-    EXPECT_EQ(settings.ports, default_ports);
-}
-
-TEST_F(ConfigFile, LongPortListIsTakenWhole) {
-    std::string list;
-    for (int i = 1; i <= 500; ++i)
-        list += std::to_string(i) + ",";
-    write("portnum=" + list + "\n");
-    ASSERT_EQ(dypd_configfile_load(&settings), 0);
     ASSERT_EQ(settings.port_count, 500);
     EXPECT_EQ(settings.ports[499], 500);
+    EXPECT_EQ(load(text + "portnum=" + std::string(200000, '1') + "\n"), -ERANGE);
 }
