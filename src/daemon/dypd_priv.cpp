@@ -91,6 +91,9 @@ void dypd_core_cleanup(dypd_udp_port *endpoint) {
     dyp_free(endpoint->send_buffer);
     endpoint->send_buffer = nullptr;
     dypd_release_socket(&endpoint->header);
+    // The port and bind lists die with the endpoint that alone refers to them.
+    dyp_free(endpoint->header.ports);
+    dyp_free(endpoint->header.bind_list);
     dyp_free(endpoint);
 }
 

@@ -11,14 +11,6 @@
 
 namespace {
 
-void take_down(dypd_udp_port *endpoint) {
-    dypd_session_cleanup(&endpoint->session);
-    dyp_free(endpoint->recv_buffer);
-    dyp_free(endpoint->send_buffer);
-    dypd_release_socket(&endpoint->header);
-    dyp_free(endpoint);
-}
-
 int open_endpoint(dypd_udp_port *endpoint, int32_t port) {
     srand(static_cast<unsigned>(time(nullptr)));
     (void)dypd_init_socket(&endpoint->header, DYPD_ENDPOINT_UDP);
@@ -49,7 +41,7 @@ int build_endpoint(dypd_udp_port **slot, int32_t port, dypd_settings *settings) 
         return result;
     result = prepare_buffers(endpoint);
     if (result < 0) {
-        take_down(endpoint);
+        dypd_core_cleanup(endpoint);
         *slot = nullptr;
         return result;
     }
