@@ -262,6 +262,8 @@ void handle_advertise(request_context &ctx) {
         endpoint->header.last_activity = clock_now();
         sleep_for(static_cast<uint32_t>(random() % ADVERTISE_DELAY_SPAN_US));
     }
+    // A handler that claims more than it was given cannot make the reply
+    // read past the transmit buffer.
     send_reply(endpoint, std::min<uint32_t>(static_cast<uint32_t>(size), DYP_RESPONSE_MAX),
                &ctx.sender);
 }

@@ -1,6 +1,7 @@
 #include "protocol/session.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "lib/alloc.h"
