@@ -53,9 +53,11 @@ int append_entry(bind_list &list, std::string_view piece) {
 
 int parse_bind_list(std::string_view text, bind_list &list) {
     while (!text.empty()) {
-        size_t comma = text.find(',');
-        std::string_view piece = text.substr(0, comma);
-        text = comma == std::string_view::npos ? std::string_view{} : text.substr(comma + 1);
+        // remove_prefix and the pointer constructor, not substr: substr
+        // may throw and would pull the C++ runtime into the daemon.
+        size_t end = std::min(text.find(','), text.size());
+        std::string_view piece(text.data(), end);
+        text.remove_prefix(end == text.size() ? end : end + 1);
         if (piece.empty() || piece.size() > BIND_PIECE_MAX || listed(list, piece))
             continue;
         int result = append_entry(list, piece);
