@@ -68,6 +68,23 @@ template <typename F> int read_section_pairs(FILE *stream, F &&take) {
             return taken;
     }
 }
+
+// Fills `container` from the file at `path` with `fill` and hands it to
+// `*out`; when the file cannot be opened or `fill` fails, the container is
+// released with `release` so that no partial result escapes.
+template <typename C, typename F>
+int fill_from_file(const char *path, C *container, C **out, F &&fill, void (*release)(C *)) {
+    int result = -EIO;
+    tq_stream file(open_for_reading(path));
+    if (file.get() != nullptr)
+        result = fill(file.get());
+    if (result < 0) {
+        release(container);
+        return result;
+    }
+    *out = container;
+    return 0;
+}
 } // namespace
 
 void tq_cfg_free_pair(tq_cfg_pair *pair) {
@@ -157,24 +174,18 @@ int tq_cfg_get_section(const char *path, const char *section, tqmap<tq_cfg_pair>
     tqmap<tq_cfg_pair> *map = tqmap_create<tq_cfg_pair>(std::strcmp);
     if (map == nullptr)
         return -ENOMEM;
-    int result = -EIO;
-    tq_stream file(open_for_reading(path));
-    if (file.get() != nullptr)
-        result = tq_cfg_seek_section(file.get(), section);
-    if (result == 0) {
-        result = read_section_pairs(file.get(), [map](tq_cfg_pair *pair) {
+    auto read_pairs = [map, section](FILE *stream) {
+        int found = tq_cfg_seek_section(stream, section);
+        if (found < 0)
+            return found;
+        return read_section_pairs(stream, [map](tq_cfg_pair *pair) {
             if (tqlist_append(map->list, pair) != nullptr)
                 return 1;
             tq_cfg_free_pair(pair);
             return -ENOMEM;
         });
-    }
-    if (result < 0) {
-        tq_cfg_release_section(map);
-        return result;
-    }
-    *map_out = map;
-    return 0;
+    };
+    return fill_from_file(path, map, map_out, read_pairs, tq_cfg_release_section);
 }
 
 void tq_cfg_release_section(tqmap<tq_cfg_pair> *map) {
@@ -217,16 +228,8 @@ int tq_cfg_get_section_list(const char *path, tqlist<char> **list_out) {
     tqlist<char> *names = tqlist_create<char>();
     if (names == nullptr)
         return -ENOMEM;
-    int result = -EIO;
-    tq_stream file(open_for_reading(path));
-    if (file.get() != nullptr)
-        result = collect_section_names(file.get(), names);
-    if (result < 0) {
-        tq_cfg_release_section_list(names);
-        return result;
-    }
-    *list_out = names;
-    return 0;
+    auto read_names = [names](FILE *stream) { return collect_section_names(stream, names); };
+    return fill_from_file(path, names, list_out, read_names, tq_cfg_release_section_list);
 }
 
 void tq_cfg_release_section_list(tqlist<char> *list) {
