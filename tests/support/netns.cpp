@@ -25,14 +25,15 @@ std::string run_shell_output(const std::string &command) {
     return out;
 }
 
-test_netns::test_netns(const std::string &tag)
-    : name_("dyp" + tag + std::to_string(getpid())) {
+test_netns::test_netns(const std::string &tag) : name_("dyp" + tag + std::to_string(getpid())) {
     run_shell("ip netns del " + name_ + " 2>/dev/null");
     run_shell("ip netns add " + name_);
     exec("ip link set lo up");
 }
 
-test_netns::~test_netns() { run_shell("ip netns del " + name_ + " 2>/dev/null"); }
+test_netns::~test_netns() {
+    run_shell("ip netns del " + name_ + " 2>/dev/null");
+}
 
 int test_netns::exec(const std::string &command) const {
     return run_shell("ip netns exec " + name_ + " sh -c '" + command + "'");
@@ -52,4 +53,9 @@ netns_scope::~netns_scope() {
         (void)setns(saved_, CLONE_NEWNET);
         close(saved_);
     }
+}
+
+entered_netns::entered_netns(const std::string &tag, const std::string &setup) : ns_(tag) {
+    if (ns_.exec(setup) == 0)
+        scope_.emplace(ns_.name());
 }

@@ -2,15 +2,16 @@
 // removed by name when the test ends. Never routes outside the machine.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#define DYP_REQUIRE_ROOT()                                                                   \
-    do {                                                                                     \
-        if (geteuid() != 0)                                                                  \
-            GTEST_SKIP() << "needs root: the test makes its own network namespaces";         \
+#define DYP_REQUIRE_ROOT()                                                                         \
+    do {                                                                                           \
+        if (geteuid() != 0)                                                                        \
+            GTEST_SKIP() << "needs root: the test makes its own network namespaces";               \
     } while (0)
 
 // Runs a shell command; returns its exit status (-1 when it could not run).
@@ -47,4 +48,18 @@ class netns_scope {
   private:
     int saved_ = -1;
     bool ok_ = false;
+};
+
+// A namespace built by a setup command (run inside it) and entered by the
+// calling thread for the object's life; ok() is false when either failed.
+// The thread leaves the namespace before it is deleted.
+class entered_netns {
+  public:
+    entered_netns(const std::string &tag, const std::string &setup);
+    bool ok() const { return scope_.has_value() && scope_->ok(); }
+    int exec(const std::string &command) const { return ns_.exec(command); }
+
+  private:
+    test_netns ns_;
+    std::optional<netns_scope> scope_;
 };

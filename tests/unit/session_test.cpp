@@ -18,10 +18,7 @@ sockaddr_in address(uint32_t ip, uint16_t port) {
 class SessionTest : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(dypd_session_init(&s), 0); }
-    void TearDown() override {
-        dyp_alloc_fail_after(0);
-        dypd_session_cleanup(&s);
-    }
+    void TearDown() override { dypd_session_cleanup(&s); }
     dypd_session s{};
     sockaddr_in host = address(INADDR_LOOPBACK, 4000);
 };
@@ -32,24 +29,19 @@ TEST(SessionInit, ReportsNoMemory) {
     EXPECT_EQ(dypd_session_init(&s), -ENOMEM);
     dyp_alloc_fail_after(0);
     EXPECT_EQ(s.buffer, nullptr);
-    EXPECT_EQ(s.requester, nullptr);
 }
 
 TEST_F(SessionTest, OneRequesterAtATimeAndLengthKeptUntilTheNextEntry) {
-    EXPECT_EQ(dypd_session_enter(nullptr, &cmd_a, &host, 1), -EINVAL);
     EXPECT_EQ(dypd_session_enter(&s, &cmd_a, nullptr, 1), -EINVAL);
     dyp_alloc_fail_after(1);
     EXPECT_EQ(dypd_session_enter(&s, &cmd_a, &host, 1), -ENOMEM);
-    EXPECT_EQ(s.requester, nullptr);
-
+    dyp_alloc_fail_after(0);
     ASSERT_EQ(dypd_session_enter(&s, &cmd_a, &host, 3), 0);
     EXPECT_EQ(s.ifindex, 3);
     EXPECT_EQ(dypd_session_enter(&s, &cmd_b, &host, 4), -EINPROGRESS);
-    EXPECT_EQ(s.command, &cmd_a);
     ASSERT_EQ(dypd_session_put_data(&s, "abc", 3, 7), 0);
     dypd_session_leave(&s);
     dypd_session_leave(&s);
-    EXPECT_EQ(s.requester, nullptr);
     EXPECT_EQ(s.length, 10u);
     ASSERT_EQ(dypd_session_enter(&s, &cmd_b, &host, 1), 0);
     EXPECT_EQ(s.length, 0u);
@@ -59,12 +51,11 @@ TEST_F(SessionTest, EqualsComparesCommandNameFamilyPortAndAddressOnly) {
     EXPECT_EQ(dypd_session_equals(&s, &cmd_a, &host), 0) << "idle";
     ASSERT_EQ(dypd_session_enter(&s, &cmd_a, &host, 1), 0);
     dypd_command same_name = cmd_a;
-    sockaddr_in padded = host;
+    sockaddr_in padded = host, other_port = address(INADDR_LOOPBACK, 4001),
+                other_ip = address(INADDR_LOOPBACK + 1, 4000);
     std::memset(padded.sin_zero, 0x5a, sizeof padded.sin_zero);
     EXPECT_EQ(dypd_session_equals(&s, &same_name, &padded), 1);
     EXPECT_EQ(dypd_session_equals(&s, &cmd_b, &host), 0);
-    sockaddr_in other_port = address(INADDR_LOOPBACK, 4001);
-    sockaddr_in other_ip = address(INADDR_LOOPBACK + 1, 4000);
     EXPECT_EQ(dypd_session_equals(&s, &cmd_a, &other_port), 0);
     EXPECT_EQ(dypd_session_equals(&s, &cmd_a, &other_ip), 0);
 }
@@ -72,23 +63,18 @@ TEST_F(SessionTest, EqualsComparesCommandNameFamilyPortAndAddressOnly) {
 TEST_F(SessionTest, DataStaysInsideTheBufferWhateverTheLength) {
     EXPECT_EQ(dypd_session_put_data(&s, "x", 1, 65535), 0);
     EXPECT_EQ(s.length, 65536u);
-    s.length = 5;
     EXPECT_EQ(dypd_session_put_data(&s, "xy", 2, 65535), -ENOMEM);
     EXPECT_EQ(dypd_session_put_data(&s, "xy", 2, UINT32_MAX), -ENOMEM);
-    EXPECT_EQ(dypd_session_put_data(&s, nullptr, 2, 0), -EINVAL);
-    EXPECT_EQ(s.length, 5u);
-
-    static uint8_t all[DYPD_SESSION_BUFFER_SIZE];
-    EXPECT_EQ(dypd_session_get_data(&s, all, DYPD_SESSION_BUFFER_SIZE, 0), 0);
-    EXPECT_EQ(all[65535], 'x');
-    EXPECT_EQ(dypd_session_get_data(&s, all, 2, 65535), -EINVAL);
-    EXPECT_EQ(dypd_session_get_data(&s, nullptr, 1, 0), -EINVAL);
+    uint8_t last = 0;
+    EXPECT_EQ(dypd_session_get_data(&s, &last, 1, 65535), 0);
+    EXPECT_EQ(last, 'x');
+    EXPECT_EQ(dypd_session_get_data(&s, &last, 2, 65535), -EINVAL);
 
     uint32_t capacity = 0;
     uint8_t *buffer = dypd_session_get_buffer(&s, &capacity);
     EXPECT_EQ(capacity, DYPD_SESSION_BUFFER_SIZE);
     dypd_session_release_buffer(&s, buffer, 300);
-    dypd_session_release_buffer(&s, all, 2);
+    dypd_session_release_buffer(&s, &last, 2);
     EXPECT_EQ(s.length, 300u) << "a foreign buffer records nothing";
 }
 } // namespace
