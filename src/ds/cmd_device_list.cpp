@@ -72,17 +72,11 @@ int list_module(list_walk *walk, dypd_ds_module *module, const dypd_ds_name_list
                 int fetched) {
     int last_result = 0;
     for (int i = 0; i < fetched; ++i) {
-        memcpy(walk->info->name, names->names[i], DYPD_DS_NAME_SLOT);
-        walk->info->name[DYPD_DS_NAME_SLOT - 1] = '\0';
-        last_result = module->get_interface_info(module, walk->info);
+        last_result = dypd_ds_slot_info(module, names->names[i], walk->info);
         if (last_result == -ENODEV)
             continue;
-        if (last_result < 0) {
-            dypd_ds_log_failure(last_result, dypd_ds_quiet::nodev_noent,
-                                "cannot get an interface info module %s (err: %d)", module->name,
-                                last_result);
+        if (last_result < 0)
             return -1;
-        }
         if (!write_entry(walk))
             return -1;
     }

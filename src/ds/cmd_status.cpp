@@ -146,17 +146,11 @@ bool match_in_module(dypd_ds_module *module, const port_query &query, dypd_ds_in
     int fetched = dypd_ds_fetch_names(module, DYPD_DS_NAMES_MAX, &names);
     bool decided = false;
     for (int i = 0; i < fetched && !decided; ++i) {
-        memcpy(info->name, names.names[i], DYPD_DS_NAME_SLOT);
-        info->name[DYPD_DS_NAME_SLOT - 1] = '\0';
-        int result = module->get_interface_info(module, info);
+        int result = dypd_ds_slot_info(module, names.names[i], info);
         if (result == -ENODEV)
             continue;
-        if (result < 0) {
-            dypd_ds_log_failure(result, dypd_ds_quiet::nodev_noent,
-                                "cannot get an interface info module %s (err: %d)", module->name,
-                                result);
+        if (result < 0)
             break;
-        }
         if (strncmp(info->location, query.location, LOCATION_SIZE) == 0) {
             decided = true;
             *matched = info->vendor_id == query.vendor_id && info->product_id == query.product_id;

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "ds/walk.h"
 #include "lib/alloc.h"
@@ -106,4 +107,15 @@ int dypd_ds_fetch_names(dypd_ds_module *module, uint32_t limit, dypd_ds_name_lis
         return 0;
     }
     return fetched;
+}
+
+int dypd_ds_slot_info(dypd_ds_module *module, const char *slot, dypd_ds_interface_info *info) {
+    memcpy(info->name, slot, DYPD_DS_NAME_SLOT);
+    info->name[DYPD_DS_NAME_SLOT - 1] = '\0';
+    int result = module->get_interface_info(module, info);
+    if (result < 0)
+        dypd_ds_log_failure(result, dypd_ds_quiet::nodev_noent,
+                            "cannot get an interface info module %s (err: %d)", module->name,
+                            result);
+    return result;
 }

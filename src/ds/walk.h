@@ -53,3 +53,8 @@ constexpr uint32_t DYPD_DS_NAMES_MAX = UINT16_MAX;
 // when the module has nothing to give or failed (slots already freed,
 // failures logged).
 int dypd_ds_fetch_names(dypd_ds_module *module, uint32_t limit, dypd_ds_name_list *list);
+
+// Asks `module` about the interface named in list slot `slot`, copied into
+// info->name and always terminated. A failure other than -ENODEV or
+// -ENOENT is logged. Returns the module's result.
+int dypd_ds_slot_info(dypd_ds_module *module, const char *slot, dypd_ds_interface_info *info);
