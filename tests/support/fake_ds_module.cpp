@@ -4,7 +4,13 @@
 #include <cstring>
 #include <map>
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
 #include "daemon/dypd_priv.h"
+#include "ds/serial.h"
+#include "ds/ska.h"
 #include "lib/be.h"
 #include "protocol/packet.h"
 
@@ -102,23 +108,6 @@ fake_module::~fake_module() {
     registry().erase(&module_);
 }
 
-void fake_module::drop(const std::string &operation) {
-    if (operation == "connect")
-        module_.connect = nullptr;
-    else if (operation == "connect_ex")
-        module_.connect_ex = nullptr;
-    else if (operation == "disconnect")
-        module_.disconnect = nullptr;
-    else if (operation == "get_num_interfaces")
-        module_.get_num_interfaces = nullptr;
-    else if (operation == "get_interface_info")
-        module_.get_interface_info = nullptr;
-    else if (operation == "get_interface_names")
-        module_.get_interface_names = nullptr;
-    else if (operation == "keep_alive")
-        module_.keep_alive = nullptr;
-}
-
 module_list_scope::module_list_scope(std::vector<fake_module *> modules) {
     dypd_ds_modlist = tqlist_create<dypd_ds_module>();
     for (fake_module *fake : modules)
@@ -157,4 +146,56 @@ std::vector<uint8_t> make_request(const std::vector<uint8_t> &name,
 
 std::vector<uint8_t> text_bytes(const std::string &text) {
     return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+sysfs_scope::sysfs_scope() {
+    char pattern[] = "/tmp/dypsysfsXXXXXX";
+    EXPECT_NE(mkdtemp(pattern), nullptr);
+    root_ = pattern;
+    dypd_ds_set_sysfs_root(root_.c_str());
+}
+
+sysfs_scope::~sysfs_scope() {
+    dypd_ds_set_sysfs_root(nullptr);
+    (void)run_shell("rm -rf '" + root_ + "'");
+}
+
+void sysfs_scope::put_serial(const std::string &device, const std::string &content) {
+    std::string dir = root_ + "/" + device;
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    FILE *file = fopen((dir + "/serial").c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    fwrite(content.data(), 1, content.size(), file);
+    fclose(file);
+}
+
+void ska_namespace_test::SetUp() {
+    DYP_REQUIRE_ROOT();
+    ns_ = std::make_unique<test_netns>("ska");
+    inside_ = std::make_unique<netns_scope>(ns_->name());
+    ASSERT_TRUE(inside_->ok());
+}
+
+void ska_namespace_test::TearDown() {
+    inside_.reset();
+    ns_.reset();
+}
+
+int ska_namespace_test::hold_ska_port() {
+    int holder = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(SKA_PORT);
+    EXPECT_EQ(bind(holder, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
+    return holder;
+}
+
+void ska_namespace_test::send_to_ska(int client, const std::vector<uint8_t> &packet) {
+    sockaddr_in ska{};
+    ska.sin_family = AF_INET;
+    ska.sin_port = htons(SKA_PORT);
+    ska.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(sendto(client, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&ska),
+                     sizeof ska),
+              static_cast<ssize_t>(packet.size()));
 }

@@ -1,16 +1,20 @@
 // A scriptable device-server module for the command and walk tests, and
-// the scaffolding those tests share (module list, box identity, request).
+// the scaffolding those tests share (module list, box identity, request,
+// sysfs tree, SKA namespace).
 #pragma once
 
 #include <cerrno>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <syslog.h>
 
 #include "ds/module.h"
 #include "protocol/identity.h"
+#include "support/netns.h"
 
 struct fake_interface {
     std::string name;
@@ -34,9 +38,8 @@ class fake_module {
     fake_module(const fake_module &) = delete;
     fake_module &operator=(const fake_module &) = delete;
 
+    // The record itself: tests clear operation slots through it.
     dypd_ds_module *get() { return &module_; }
-    // Clears the named operation slot ("connect", "connect_ex", ...).
-    void drop(const std::string &operation);
 
     std::vector<fake_interface> interfaces;
     bool num_overridden = false;
@@ -88,3 +91,33 @@ class identity_scope {
 std::vector<uint8_t> make_request(const std::vector<uint8_t> &name,
                                   const std::vector<uint8_t> &data = {});
 std::vector<uint8_t> text_bytes(const std::string &text);
+
+// A private sysfs device tree the serial lookup reads, removed at the end.
+class sysfs_scope {
+  public:
+    sysfs_scope();
+    ~sysfs_scope();
+    sysfs_scope(const sysfs_scope &) = delete;
+    sysfs_scope &operator=(const sysfs_scope &) = delete;
+    // Writes `content` to <root>/<device>/serial.
+    void put_serial(const std::string &device, const std::string &content);
+
+  private:
+    std::string root_;
+};
+
+// SKA binds a fixed port: each test runs in a network namespace of its own
+// (named by pid) where the port is surely free. Skips when not root.
+class ska_namespace_test : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+    // A socket bound to the SKA port on any address; the caller closes it.
+    static int hold_ska_port();
+    // Sends `packet` from `client` to the SKA port on loopback.
+    static void send_to_ska(int client, const std::vector<uint8_t> &packet);
+
+  private:
+    std::unique_ptr<test_netns> ns_;
+    std::unique_ptr<netns_scope> inside_;
+};

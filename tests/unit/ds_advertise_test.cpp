@@ -17,7 +17,6 @@ namespace {
 class DsAdvertise : public ::testing::Test {
   protected:
     void SetUp() override {
-        request[0] = 0;
         request[1] = DYP_TYPE_ADVERTISE;
         request[2] = DYP_ADVERTISE_MARKER0;
         request[3] = DYP_ADVERTISE_MARKER1;
@@ -33,7 +32,7 @@ class DsAdvertise : public ::testing::Test {
     uint16_t status() const { return get_be16(reply + 82); }
     std::string description() const { return reinterpret_cast<const char *>(reply + 84); }
 
-    identity_scope identity{0, "Box", "node1"};
+    identity_scope identity{0x0401, "Box", "node1"};
     uint8_t request[DYP_REQUEST_MAX] = {};
     uint8_t reply[DYP_RESPONSE_MAX];
     sockaddr_in sender{};
@@ -41,33 +40,24 @@ class DsAdvertise : public ::testing::Test {
     fake_module first{"first"}, second{"second"};
 };
 
-TEST_F(DsAdvertise, WithoutModulesTheReplyCarriesTheVersionAndTheFixedStatusBits) {
+TEST_F(DsAdvertise, WithoutModulesTheReplyCarriesTheVersionAndTheStatusBits) {
     module_list_scope list;
     ASSERT_EQ(advertise(), 164);
-    EXPECT_EQ(reply[0], 0);
-    EXPECT_EQ(reply[1], 2);
-    EXPECT_EQ(reply[2], 0x95);
-    EXPECT_EQ(reply[3], 0x06);
+    EXPECT_EQ(0, memcmp(reply, "\x00\x02\x95\x06", 4));
     EXPECT_EQ(0, memcmp(reply + 72, "Ver 2.2.0\0", 10));
-    EXPECT_EQ(status(), 0x8082);
+    EXPECT_EQ(status(), 0x8483); // the daemon's bits and the fixed ones
     EXPECT_EQ(description(), "");
     EXPECT_STREQ(reinterpret_cast<char *>(reply + 116), "node1");
     EXPECT_EQ(get_be32(reply + 66), INADDR_LOOPBACK);
     for (uint32_t i = 164; i < sizeof reply; ++i)
         ASSERT_EQ(reply[i], 0) << "byte " << i << " of the capacity is not cleared";
-}
-
-TEST_F(DsAdvertise, BaseStatusBitsPassThroughAndTheFixedOnesAreAlwaysSet) {
-    module_list_scope list;
-    identity.identity.status = 0x0401;
-    ASSERT_EQ(advertise(), 164);
-    EXPECT_EQ(status(), 0x8483);
     identity.identity.status = 0xFFFF;
     ASSERT_EQ(advertise(), 164);
     EXPECT_EQ(status(), 0xFFFF);
 }
 
-TEST_F(DsAdvertise, TheFirstSharedInterfaceIsDescribed) {
+TEST_F(DsAdvertise, TheFirstSharedInterfaceIsDescribedWithin31Characters) {
+    identity.identity.status = 0;
     fake_interface iface{"usb1"};
     iface.description = std::string(100, 'q');
     iface.status_flag = 1;
@@ -78,29 +68,23 @@ TEST_F(DsAdvertise, TheFirstSharedInterfaceIsDescribed) {
     EXPECT_EQ(reply[115], 0);
     EXPECT_EQ(status(), 0x8483);
     EXPECT_EQ(first.names_asked, std::vector<uint16_t>{1});
-}
-
-TEST_F(DsAdvertise, AnUnterminatedDescriptionIsCut) {
-    fake_interface iface{"usb1"};
-    iface.raw_description = true;
-    first.interfaces = {iface};
-    module_list_scope list({&first});
+    first.interfaces[0].raw_description = true; // 256 bytes, no NUL
     ASSERT_EQ(advertise(), 164);
     EXPECT_EQ(description(), std::string(31, 'D'));
     EXPECT_STREQ(reinterpret_cast<char *>(reply + 116), "node1");
 }
 
 TEST_F(DsAdvertise, ModuleFailuresMoveOnAndOnlyRealOnesAreLogged) {
+    identity.identity.status = 0;
     first.interfaces = {{"usb1"}};
     first.names_overridden = true;
     first.names_result = -ENOENT;
-    fake_module third("third"), fourth("fourth");
+    fake_module third("third"), fourth("fourth"), lacking("lacking");
     second.interfaces = {{"usb2", -ENODEV}};
     third.interfaces = {{"usb3", -EIO}};
     fourth.interfaces = {{"usb4"}};
     fourth.interfaces[0].description = "found";
-    fake_module lacking("lacking");
-    lacking.drop("get_interface_info");
+    lacking.get()->get_interface_info = nullptr;
     module_list_scope list({&lacking, &first, &second, &third, &fourth});
     log_capture log;
     ASSERT_EQ(advertise(), 164);
@@ -117,6 +101,7 @@ TEST_F(DsAdvertise, ModuleFailuresMoveOnAndOnlyRealOnesAreLogged) {
 }
 
 TEST_F(DsAdvertise, NoMemoryMeansNoInterfaceButStillAReply) {
+    identity.identity.status = 0;
     first.interfaces = {{"usb1"}};
     module_list_scope list({&first});
     log_capture log;
@@ -133,10 +118,8 @@ TEST_F(DsAdvertise, NoMemoryMeansNoInterfaceButStillAReply) {
 
 TEST_F(DsAdvertise, AWrongMarkerOrAnUnnamedInterfaceGetsNoReply) {
     module_list_scope list;
-    request[2] = DYP_ADVERTISE_MARKER1;
     request[3] = DYP_ADVERTISE_MARKER0;
     EXPECT_EQ(advertise(), -EINVAL);
-    request[2] = DYP_ADVERTISE_MARKER0;
     request[3] = DYP_ADVERTISE_MARKER1;
     loopback = 99999;
     EXPECT_EQ(advertise(), -ENXIO);

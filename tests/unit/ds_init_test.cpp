@@ -12,8 +12,8 @@
 #include "lib/alloc.h"
 #include "modules/usbds.h"
 #include "protocol/command.h"
+#include "support/fake_ds_module.h"
 #include "support/log_capture.h"
-#include "support/netns.h"
 
 namespace {
 
@@ -30,23 +30,18 @@ std::vector<std::string> registered_commands() {
     return names;
 }
 
-// The SKA socket binds its fixed port: each test runs in a namespace of
-// its own.
-class DsInit : public ::testing::Test {
+class DsInit : public ska_namespace_test {
   protected:
     void SetUp() override {
-        if (geteuid() != 0)
-            GTEST_SKIP() << "needs root: the SKA socket binds its fixed port in a test namespace";
-        ns = std::make_unique<test_netns>("dsinit");
-        inside = std::make_unique<netns_scope>(ns->name());
-        ASSERT_TRUE(inside->ok());
+        ska_namespace_test::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
         ASSERT_EQ(dypd_command_init(), 0);
         dypd_ds_core = nullptr;
     }
     void TearDown() override {
         dypd_command_cleanup();
-        inside.reset();
-        ns.reset();
+        ska_namespace_test::TearDown();
     }
     // Everything init builds is gone again.
     void expect_torn_down() {
@@ -55,8 +50,6 @@ class DsInit : public ::testing::Test {
         EXPECT_TRUE(registered_commands().empty());
     }
 
-    std::unique_ptr<test_netns> ns;
-    std::unique_ptr<netns_scope> inside;
     dypd_udp_port endpoint{};
 };
 
@@ -72,10 +65,7 @@ TEST_F(DsInit, BuildsTheWholeDeviceServerAndCleanupUndoesIt) {
                                         "GET USB_DEVICE_LIST_EX", "GET USB_DEVICE_LIST",
                                         "GET SCANNER_STATUS", "GET SCANNER PORT_NAME",
                                         "GET USB_PORT_NAME"}));
-    const dypd_command *ex = dypd_get_command("GET USB_DEVICE_LIST_EX");
-    ASSERT_NE(ex, nullptr);
-    EXPECT_STREQ(ex->name, "GET USB_DEVICE_LIST_EX");
-    EXPECT_EQ(ex->mode, DYPD_XFER_READ);
+    EXPECT_EQ(dypd_get_command("GET USB_DEVICE_LIST_EX")->mode, DYPD_XFER_READ);
     EXPECT_EQ(dypd_get_command("EXEC SCANNER CONNECT:x")->mode, DYPD_XFER_EXEC);
 
     dypd_ds_cleanup();
@@ -84,46 +74,33 @@ TEST_F(DsInit, BuildsTheWholeDeviceServerAndCleanupUndoesIt) {
     EXPECT_EQ(dypd_ds_core, &endpoint);
 }
 
-TEST_F(DsInit, AFailedAdvertiseRegistrationRollsEverythingBack) {
+TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
     endpoint.advertise = other_handler;
     EXPECT_EQ(dypd_ds_init(&endpoint), -EINVAL);
     expect_torn_down();
     EXPECT_EQ(endpoint.advertise, &other_handler);
-}
+    endpoint.advertise = nullptr;
 
-TEST_F(DsInit, ANoMemoryListLeavesTheCoreUnset) {
-    dyp_alloc_fail_after(1);
-    EXPECT_EQ(dypd_ds_init(&endpoint), -ENOMEM);
-    dyp_alloc_fail_after(0);
-    EXPECT_EQ(dypd_ds_core, nullptr);
+    int holder = hold_ska_port();
+    EXPECT_EQ(dypd_ds_init(&endpoint), -EADDRINUSE);
+    close(holder);
     expect_torn_down();
-}
 
-// Allocation order in init: the module list, the usbds list node, the SKA
-// buffer, then one node per command.
-TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
-    for (unsigned failing : {2u, 3u, 4u, 10u}) {
+    // Allocation order: the module list (the core stays unset), the usbds
+    // list node, the SKA buffer, then one node per command.
+    dypd_ds_core = nullptr;
+    for (unsigned failing : {1u, 2u, 3u, 4u, 10u}) {
         SCOPED_TRACE(failing);
         dyp_alloc_fail_after(failing);
         EXPECT_EQ(dypd_ds_init(&endpoint), -ENOMEM);
         dyp_alloc_fail_after(0);
         expect_torn_down();
         EXPECT_EQ(endpoint.advertise, nullptr);
+        if (failing == 1)
+            EXPECT_EQ(dypd_ds_core, nullptr);
     }
-    // Nothing was left behind: a full init still works.
     ASSERT_EQ(dypd_ds_init(&endpoint), 0);
     dypd_ds_cleanup();
-}
-
-TEST_F(DsInit, ABusySkaPortFailsInit) {
-    int holder = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(SKA_PORT);
-    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
-    EXPECT_EQ(dypd_ds_init(&endpoint), -EADDRINUSE);
-    close(holder);
-    expect_torn_down();
 }
 
 TEST_F(DsInit, HooksServeTheSkaSocketAndReportItsAbsence) {
@@ -140,17 +117,9 @@ TEST_F(DsInit, HooksServeTheSkaSocketAndReportItsAbsence) {
     int fd = dypd_ds_subproto_fd_set(&set);
     EXPECT_EQ(fd, dypd_ds_ska_get_fd());
     EXPECT_TRUE(FD_ISSET(fd, &set));
-
     // A ready SKA socket is served: the packet comes back.
     int client = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in ska{};
-    ska.sin_family = AF_INET;
-    ska.sin_port = htons(SKA_PORT);
-    ska.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const uint8_t packet[6] = {0x00, 0x06, 'K', 'A', 0x00, 0x00};
-    ASSERT_EQ(
-        sendto(client, packet, sizeof packet, 0, reinterpret_cast<sockaddr *>(&ska), sizeof ska),
-        6);
+    send_to_ska(client, {0x00, 0x06, 'K', 'A', 0x00, 0x00});
     dypd_ds_subproto_handler(nullptr, &set);
     uint8_t echo[16];
     EXPECT_EQ(recv(client, echo, sizeof echo, MSG_DONTWAIT), 6);
