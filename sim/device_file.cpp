@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <netinet/in.h>
 
 #include "lib/cfgctrl.h"
@@ -76,19 +77,12 @@ bool parse_mac(const std::string &text, std::array<uint8_t, 6> &mac) {
     return true;
 }
 
-bool set_byte(const std::string &value, uint8_t &field) {
+// Sets an unsigned field from a number that must fit its width.
+template <typename T> bool set_number(const std::string &value, T &field) {
     unsigned long number;
-    if (!parse_number(value, 0xFF, number))
+    if (!parse_number(value, std::numeric_limits<T>::max(), number))
         return false;
-    field = static_cast<uint8_t>(number);
-    return true;
-}
-
-bool set_word(const std::string &value, uint16_t &field) {
-    unsigned long number;
-    if (!parse_number(value, 0xFFFF, number))
-        return false;
-    field = static_cast<uint16_t>(number);
+    field = static_cast<T>(number);
     return true;
 }
 
@@ -102,19 +96,19 @@ bool apply_device_key(sim_device &device, const std::string &key, const std::str
     else if (key == "serial")
         device.serial = value;
     else if (key == "vendor_id")
-        return set_word(value, device.vendor_id);
+        return set_number(value, device.vendor_id);
     else if (key == "product_id")
-        return set_word(value, device.product_id);
+        return set_number(value, device.product_id);
     else if (key == "aux1")
-        return set_byte(value, device.aux1);
+        return set_number(value, device.aux1);
     else if (key == "aux2")
-        return set_byte(value, device.aux2);
+        return set_number(value, device.aux2);
     else if (key == "aux3")
-        return set_byte(value, device.aux3);
+        return set_number(value, device.aux3);
     else if (key == "aux5")
-        return set_byte(value, device.aux5);
+        return set_number(value, device.aux5);
     else if (key == "status_flag")
-        return set_byte(value, device.status_flag);
+        return set_number(value, device.status_flag);
     else if (key == "held_by")
         return device.held = parse_host(value, device.host_addr);
     else if (key == "held_mac")

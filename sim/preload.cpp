@@ -100,6 +100,13 @@ mode_t mode_argument(int flags, va_list args) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
 }
 
+// Every open entry point answers the control file from the driver model and
+// passes any other path to the system's `real` one.
+template <typename F, typename... Args>
+int open_or_forward(const char *path, F real, Args... args) {
+    return is_control_file(path) ? open_control_file() : real(args...);
+}
+
 } // namespace
 
 DYPSIM_EXPORT int open(const char *path, int flags, ...) {
@@ -107,10 +114,8 @@ DYPSIM_EXPORT int open(const char *path, int flags, ...) {
     va_start(args, flags);
     mode_t mode = mode_argument(flags, args);
     va_end(args);
-    if (is_control_file(path))
-        return open_control_file();
     static open_fn real = next_symbol<open_fn>("open");
-    return real(path, flags, mode);
+    return open_or_forward(path, real, path, flags, mode);
 }
 
 DYPSIM_EXPORT int open64(const char *path, int flags, ...) {
@@ -118,10 +123,8 @@ DYPSIM_EXPORT int open64(const char *path, int flags, ...) {
     va_start(args, flags);
     mode_t mode = mode_argument(flags, args);
     va_end(args);
-    if (is_control_file(path))
-        return open_control_file();
     static open_fn real = next_symbol<open_fn>("open64");
-    return real(path, flags, mode);
+    return open_or_forward(path, real, path, flags, mode);
 }
 
 DYPSIM_EXPORT int openat(int dirfd, const char *path, int flags, ...) {
@@ -129,26 +132,20 @@ DYPSIM_EXPORT int openat(int dirfd, const char *path, int flags, ...) {
     va_start(args, flags);
     mode_t mode = mode_argument(flags, args);
     va_end(args);
-    if (is_control_file(path))
-        return open_control_file();
     static openat_fn real = next_symbol<openat_fn>("openat");
-    return real(dirfd, path, flags, mode);
+    return open_or_forward(path, real, dirfd, path, flags, mode);
 }
 
 // The fortified entry points that an optimised build calls instead of
 // open() when the flags are not a compile-time constant.
 DYPSIM_EXPORT int __open_2(const char *path, int flags) {
-    if (is_control_file(path))
-        return open_control_file();
     static open2_fn real = next_symbol<open2_fn>("__open_2");
-    return real(path, flags);
+    return open_or_forward(path, real, path, flags);
 }
 
 DYPSIM_EXPORT int __open64_2(const char *path, int flags) {
-    if (is_control_file(path))
-        return open_control_file();
     static open2_fn real = next_symbol<open2_fn>("__open64_2");
-    return real(path, flags);
+    return open_or_forward(path, real, path, flags);
 }
 
 DYPSIM_EXPORT int ioctl(int fd, unsigned long request, ...) {

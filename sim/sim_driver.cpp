@@ -32,6 +32,19 @@ bool same_host(const uint8_t *a, const uint8_t *b) {
     return first.sin_family == second.sin_family && first.sin_addr.s_addr == second.sin_addr.s_addr;
 }
 
+// 0 when the host at `host_addr` may take or release `device`; else -ENODEV
+// for no device, the device's injected failure, or `refusal` when another
+// host holds it.
+int holder_check(const sim_device *device, const uint8_t *host_addr, int refusal) {
+    if (device == nullptr)
+        return -ENODEV;
+    if (device->injected_result != 0)
+        return device->injected_result;
+    if (device->held && !same_host(device->host_addr.data(), host_addr))
+        return refusal;
+    return 0;
+}
+
 void copy_field(char *dst, size_t size, const std::string &text) {
     memset(dst, 0, size);
     memcpy(dst, text.data(), std::min(text.size(), size - 1));
@@ -67,12 +80,9 @@ int sim_driver::interface_count() const {
 
 int sim_driver::connect(const char *name, const uint8_t *host_addr, const uint8_t *host_mac) {
     sim_device *device = find(name);
-    if (device == nullptr)
-        return -ENODEV;
-    if (device->injected_result != 0)
-        return device->injected_result;
-    if (device->held && !same_host(device->host_addr.data(), host_addr))
-        return -EBUSY;
+    int refused = holder_check(device, host_addr, -EBUSY);
+    if (refused != 0)
+        return refused;
     device->held = true;
     memcpy(device->host_addr.data(), host_addr, device->host_addr.size());
     memcpy(device->host_mac.data(), host_mac, device->host_mac.size());
@@ -83,12 +93,9 @@ int sim_driver::connect(const char *name, const uint8_t *host_addr, const uint8_
 // refused.
 int sim_driver::disconnect(const char *name, const uint8_t *host_addr) {
     sim_device *device = find(name);
-    if (device == nullptr)
-        return -ENODEV;
-    if (device->injected_result != 0)
-        return device->injected_result;
-    if (device->held && !same_host(device->host_addr.data(), host_addr))
-        return -EPERM;
+    int refused = holder_check(device, host_addr, -EPERM);
+    if (refused != 0)
+        return refused;
     device->held = false;
     device->host_addr.fill(0);
     device->host_mac.fill(0);
