@@ -97,7 +97,7 @@ TEST(MacText, WritesLowercaseAndReadsFixedPositionsRepeatingAFailedGroup) {
     ASSERT_EQ(tq_net_mac2str_ex(mac, '-', text), 0);
     EXPECT_STREQ(text, "00-ab-0c-de-f0-ff");
     uint8_t read_back[6];
-    ASSERT_EQ(tq_net_str2mac_ex("00xAByc0zdEwf0vFf", '-', read_back), 0) << "separators unchecked";
+    ASSERT_EQ(tq_net_str2mac_ex("00xABy0czDEwf0vFF", '-', read_back), 0) << "separators unchecked";
     EXPECT_EQ(std::memcmp(read_back, mac, 6), 0);
     ASSERT_EQ(tq_net_str2mac("12:zz:34:56", read_back), 0);
     const uint8_t repeated[6] = {0x12, 0x12, 0x34, 0x56, 0x56, 0x56};
