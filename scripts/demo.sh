@@ -13,15 +13,8 @@ if [ "$(id -u)" -ne 0 ]; then
     exit 2
 fi
 
-need=()
-for pkg in cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux; do
-    dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
-done
-if [ ${#need[@]} -gt 0 ]; then
-    echo "== installing: ${need[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need[@]}" >/dev/null
-fi
+. scripts/lib.sh
+install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux
 
 echo "== building (build-demo)"
 cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null

@@ -4,15 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-need=()
-for pkg in cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux; do
-    dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
-done
-if [ ${#need[@]} -gt 0 ]; then
-    echo "installing: ${need[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need[@]}" >/dev/null
-fi
+. scripts/lib.sh
+install_missing cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux
 
 jobs=$(nproc)
 status=0

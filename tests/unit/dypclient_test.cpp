@@ -25,30 +25,20 @@ void append_text(bytes &b, const std::string &s, size_t field) {
 uint16_t field16(const bytes &r, size_t at) {
     return uint16_t(r[at] << 8 | r[at + 1]);
 }
-uint16_t req_type(const bytes &r) {
-    return field16(r, 0);
-}
 
+// A response header echoing the request's type; `length` defaults to the data's size.
 bytes response(const bytes &req, uint16_t status, uint16_t offset, const bytes &data,
-               uint16_t length) {
-    bytes b = {req[0],
-               req[1],
-               uint8_t(status >> 8),
-               uint8_t(status),
-               uint8_t(offset >> 8),
-               uint8_t(offset),
-               uint8_t(length >> 8),
-               uint8_t(length)};
+               int length = -1) {
+    bytes b = {req[0], req[1]};
+    for (int v : {int(status), int(offset), length < 0 ? int(data.size()) : length})
+        append(b, {uint8_t(v >> 8), uint8_t(v)});
     b.insert(b.end(), data.begin(), data.end());
     return b;
-}
-bytes response(const bytes &req, uint16_t status, uint16_t offset, const bytes &data) {
-    return response(req, status, offset, data, uint16_t(data.size()));
 }
 
 // Serves `result` in windows the way the box serves a GET command.
 replies serve_windows(const bytes &result, const bytes &req) {
-    if (req_type(req) == 3)
+    if (req[1] == 3)
         return {response(req, 0, 0, {})};
     size_t off = field16(req, 84), len = std::min<size_t>(field16(req, 86), 512);
     bool more = off + len < result.size();
@@ -257,13 +247,6 @@ TEST(DypclientSka, LengthMagicNamesAndTheEmptyName) {
     EXPECT_THROW(dyp::encode_ska({""}), std::invalid_argument);
 }
 
-TEST(DypclientEndpoint, HostWithAndWithoutPort) {
-    EXPECT_EQ(dyp::parse_endpoint("192.0.2.5", 19540).text(), "192.0.2.5:19540");
-    EXPECT_EQ(dyp::parse_endpoint("192.0.2.5:77", 19540).text(), "192.0.2.5:77");
-    for (const char *bad : {"192.0.2.5:0", "192.0.2.5:x", ":5"})
-        EXPECT_THROW(dyp::parse_endpoint(bad, 1), std::invalid_argument) << bad;
-}
-
 TEST(DypclientTransfer, ReadsEveryWindowWithTheQueryThenEnds) {
     bytes result(1200);
     for (size_t i = 0; i < result.size(); ++i)
@@ -277,16 +260,16 @@ TEST(DypclientTransfer, ReadsEveryWindowWithTheQueryThenEnds) {
               dyp::encode_request(dyp::make_request(1, "GET USB_DEVICE_LIST", 0, 512, query)));
     EXPECT_EQ(reqs[1], dyp::encode_request(dyp::make_request(2, "", 512, 512)));
     EXPECT_EQ(field16(reqs[2], 84), 1024);
-    EXPECT_EQ(req_type(reqs[3]), 3);
+    EXPECT_EQ(reqs[3][1], 3);
 }
 
 TEST(DypclientTransfer, SurvivesLostStaleAndUnansweredEndPackets) {
     bytes result(600, 0x5a);
     fake_box box([&](const bytes &req, int index) {
-        if (index == 1 || req_type(req) == 3) // the first DATA answer and the END answer are lost
+        if (index == 1 || req[1] == 3) // the first DATA answer and the END answer are lost
             return replies{};
         auto out = serve_windows(result, req);
-        if (req_type(req) == 2) // a stale copy of the first window arrives first
+        if (req[1] == 2) // a stale copy of the first window arrives first
             out.insert(out.begin(), response(req, 1, 0, {9, 9, 9, 9}));
         return out;
     });
@@ -316,13 +299,13 @@ TEST(DypclientTransfer, BadWindowsAreMalformed) {
 
 TEST(DypclientExec, ResultComesWithTheStartReplyAtOffsetZero) {
     fake_box box([](const bytes &req, int) {
-        return replies{response(req, 0, 0, req_type(req) == 3 ? bytes{} : bytes{'O', 'K', 0})};
+        return replies{response(req, 0, 0, req[1] == 3 ? bytes{} : bytes{'O', 'K', 0})};
     });
     EXPECT_EQ(dyp::transfer_exec(at(box), "EXEC X", fast), (bytes{'O', 'K', 0}));
     auto reqs = box.requests();
     ASSERT_EQ(reqs.size(), 2u);
     EXPECT_EQ(reqs[0].size(), 88u);
-    EXPECT_EQ(req_type(reqs[1]), 3);
+    EXPECT_EQ(reqs[1][1], 3);
 
     fake_box shifted([](const bytes &req, int) { return replies{response(req, 0, 4, {'O'})}; });
     EXPECT_THROW(dyp::transfer_exec(at(shifted), "EXEC X", fast), dyp::malformed_reply);
@@ -337,9 +320,6 @@ TEST(DypclientKeepalive, EchoIsCheckedByteForByte) {
         return replies{b};
     });
     EXPECT_THROW(dyp::keepalive_once(at(altered), {"usb1"}, fast), dyp::malformed_reply);
-    fake_box silent([](const bytes &, int) { return replies{}; });
-    EXPECT_THROW(dyp::keepalive_once(at(silent), {"usb1"}, fast), dyp::timeout_error);
-    EXPECT_EQ(silent.requests().size(), 3u);
 }
 
 TEST(DypclientDiscover, KeepsDistinctBoxesAndReportsBadReplies) {
@@ -355,9 +335,7 @@ TEST(DypclientDiscover, KeepsDistinctBoxesAndReportsBadReplies) {
     std::vector<std::string> problems;
     auto boxes = dyp::discover(o, problems);
     ASSERT_EQ(boxes.size(), 1u);
-    EXPECT_EQ(boxes[0].address, "127.0.0.1");
-    EXPECT_EQ(boxes[0].port, box.port());
-    EXPECT_EQ(boxes[0].product, "Scanbox");
+    EXPECT_EQ(boxes[0].address + ":" + std::to_string(boxes[0].port), box.host());
     ASSERT_EQ(problems.size(), 2u);
     EXPECT_NE(problems[0].find("100 bytes"), std::string::npos);
     EXPECT_NE(problems[1].find("empty"), std::string::npos);

@@ -410,24 +410,34 @@ bool window_matches(const response &r, const request &q) {
     return type_matches(r, q) && r.offset == q.offset;
 }
 
+// Sends `packet` up to `attempts` times, each followed by `timeout_ms` of
+// waiting, and hands every datagram from the box to `take` until it accepts
+// one; false when no attempt was answered.
+template <typename Take>
+bool send_until_taken(const udp_socket &sock, const endpoint &box, const bytes &packet,
+                      int timeout_ms, int attempts, Take take) {
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        sock.send(packet, box.addr);
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        bytes in;
+        sockaddr_in from{};
+        while (sock.receive(in, from, deadline))
+            if (same_sender(from, box.addr) && take(in))
+                return true;
+    }
+    return false;
+}
+
 // Sends the request and waits for its answer, resending on silence.
 response exchange(const udp_socket &sock, const endpoint &box, const request &req, matcher match,
                   const transfer_options &opt, int attempts) {
-    const bytes packet = encode_request(req);
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        sock.send(packet, box.addr);
-        auto deadline =
-            std::chrono::steady_clock::now() + std::chrono::milliseconds(opt.timeout_ms);
-        bytes in;
-        sockaddr_in from{};
-        while (sock.receive(in, from, deadline)) {
-            if (!same_sender(from, box.addr))
-                continue;
-            response r = decode_response(in.data(), in.size());
-            if (match(r, req))
-                return r;
-        }
-    }
+    response answer;
+    auto take = [&](const bytes &in) {
+        answer = decode_response(in.data(), in.size());
+        return match(answer, req);
+    };
+    if (send_until_taken(sock, box, encode_request(req), opt.timeout_ms, attempts, take))
+        return answer;
     throw timeout_error("no answer from " + box.text() + " after " + std::to_string(attempts) +
                         " attempt(s) of " + std::to_string(opt.timeout_ms) + " ms");
 }
@@ -600,23 +610,15 @@ void keepalive_once(const endpoint &box, const std::vector<std::string> &names,
                     const transfer_options &opt) {
     udp_socket sock;
     const bytes packet = encode_ska(names);
-    for (int attempt = 0; attempt <= opt.retries; ++attempt) {
-        sock.send(packet, box.addr);
-        auto deadline =
-            std::chrono::steady_clock::now() + std::chrono::milliseconds(opt.timeout_ms);
-        bytes in;
-        sockaddr_in from{};
-        while (sock.receive(in, from, deadline)) {
-            if (!same_sender(from, box.addr))
-                continue;
-            if (in != packet)
-                throw malformed_reply("keep-alive echo of " + std::to_string(in.size()) +
-                                      " bytes differs from the " + std::to_string(packet.size()) +
-                                      "-byte packet sent");
-            return;
-        }
-    }
-    throw timeout_error("no keep-alive echo from " + box.text());
+    auto take = [&](const bytes &in) {
+        if (in != packet)
+            throw malformed_reply("keep-alive echo of " + std::to_string(in.size()) +
+                                  " bytes differs from the " + std::to_string(packet.size()) +
+                                  "-byte packet sent");
+        return true;
+    };
+    if (!send_until_taken(sock, box, packet, opt.timeout_ms, 1 + opt.retries, take))
+        throw timeout_error("no keep-alive echo from " + box.text());
 }
 
 void local_identity(const endpoint &box, in_addr &ip, uint8_t mac[6]) {
