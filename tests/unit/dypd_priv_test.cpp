@@ -15,12 +15,3 @@ TEST(MainLoop, EndsOnTheStopFlagANullDaemonOrAHoleInTheEndpoints) {
     daemon.stop = 1;
     EXPECT_EQ(dypd_run(&daemon, nullptr), 0);
 }
-
-TEST(SignalHandler, OnlyAHangUpRaisesTheFlag) {
-    dypd_sighap = 0;
-    dypd_signal_handler(SIGTERM);
-    EXPECT_EQ(dypd_sighap, 0);
-    dypd_signal_handler(SIGHUP);
-    EXPECT_EQ(dypd_sighap, 1);
-    dypd_sighap = 0;
-}

