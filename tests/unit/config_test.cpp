@@ -1,12 +1,11 @@
 #include "daemon/dypd_priv.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 #include "lib/alloc.h"
 #include "lib/cfgctrl.h"
@@ -18,14 +17,7 @@ const char command_line_list[] = "eth0";
 // Settings as start-up leaves them before the file, and a file to load.
 class ConfigFile : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char name[] = "/tmp/dypd-config-XXXXXX";
-        int fd = mkstemp(name);
-        ASSERT_GE(fd, 0);
-        (void)close(fd);
-        path = name;
-        reset();
-    }
+    void SetUp() override { reset(); }
     void TearDown() override {
         release();
         (void)unlink(path.c_str());
@@ -48,10 +40,7 @@ class ConfigFile : public ::testing::Test {
             dyp_free(settings.ports);
     }
     int load(const std::string &text) {
-        FILE *file = fopen(path.c_str(), "wb");
-        if (file == nullptr || fwrite(text.data(), 1, text.size(), file) != text.size())
-            return -1000;
-        (void)fclose(file);
+        std::ofstream(path, std::ios::binary) << text;
         return dypd_configfile_load(&settings);
     }
     std::string ports() const {
@@ -61,49 +50,36 @@ class ConfigFile : public ::testing::Test {
         return text;
     }
 
-    std::string path;
+    std::string path = "/tmp/dypd-config-" + std::to_string(getpid());
     dypd_settings settings{};
 };
 
 } // namespace
 
-TEST_F(ConfigFile, NoPathIsNotAnErrorAMissingFileIs) {
+TEST_F(ConfigFile, AppliesEveryKeyAsWrittenOutsideAnySection) {
+    ASSERT_EQ(load("product= Scanner Hub\nhostname=abcdefghijklmnopqrst\nnetif= eth0,!br1\n"
+                   "portnum= 1000, 1001,,0x4c54,070\nds_port= 1001\n[x]\nproduct=inside\n"),
+              0);
+    // A blank after '=' stays in text values; numbers skip it.
+    EXPECT_STREQ(settings.identity.product_name, " Scanner Hub");
+    EXPECT_STREQ(settings.identity.host_name, "abcdefghijklmno");
+    EXPECT_STREQ(settings.bind_interfaces, " eth0,!br1");
+    EXPECT_EQ(ports(), "1000;1001;19540;56;");
+    EXPECT_EQ(settings.primary_port, 1001);
     settings.config_path = nullptr;
     EXPECT_EQ(dypd_configfile_load(&settings), 0);
     settings.config_path = "/nonexistent/dypd.conf";
     EXPECT_EQ(dypd_configfile_load(&settings), -ENOENT);
 }
 
-TEST_F(ConfigFile, AppliesEveryKeyAsWritten) {
-    ASSERT_EQ(load("product= Scanner Hub\nhostname=office\nnetif= eth0,!br1\n"
-                   "portnum= 1000, 1001,,0x4c54,070\nds_port= 1001\n[x]\nhostname=inside\n"),
-              0);
-    // A blank after '=' stays in text values; numbers skip it.
-    EXPECT_STREQ(settings.identity.product_name, " Scanner Hub");
-    EXPECT_STREQ(settings.identity.host_name, "office");
-    EXPECT_STREQ(settings.bind_interfaces, " eth0,!br1");
-    EXPECT_EQ(ports(), "1000;1001;19540;56;");
-    EXPECT_EQ(settings.primary_port, 1001);
-}
-
 TEST_F(ConfigFile, MissingAndEmptyValuesKeepTheSettings) {
-    for (const char *text :
-         {"[section]\nproduct=elsewhere\n", "product=\nhostname=\nnetif=\nportnum=\nds_port=\n"}) {
-        ASSERT_EQ(load(text), 0) << text;
-        EXPECT_STREQ(settings.identity.product_name, "TQ Mirel 70");
-        EXPECT_STREQ(settings.identity.host_name, "box");
-        EXPECT_EQ(settings.bind_interfaces, network_interface_name);
-        EXPECT_EQ(settings.ports, default_ports);
-        EXPECT_EQ(settings.primary_port, 19540);
-    }
+    ASSERT_EQ(load("product=\nhostname=\nnetif=\nportnum=\nds_port=\n"), 0);
+    EXPECT_STREQ(settings.identity.product_name, "TQ Mirel 70");
+    EXPECT_STREQ(settings.identity.host_name, "box");
+    EXPECT_EQ(settings.bind_interfaces, network_interface_name);
+    EXPECT_EQ(settings.ports, default_ports);
     EXPECT_EQ(load("portnum=\nds_port=7\n"), 0);
     EXPECT_EQ(settings.primary_port, 7) << "an empty port list goes on to ds_port";
-}
-
-TEST_F(ConfigFile, NamesAreCutToFifteenCharacters) {
-    ASSERT_EQ(load("product=ABCDEFGHIJKLMNOPQRST\nhostname=abcdefghijklmnopqrst\n"), 0);
-    EXPECT_STREQ(settings.identity.product_name, "ABCDEFGHIJKLMNO");
-    EXPECT_STREQ(settings.identity.host_name, "abcdefghijklmno");
 }
 
 TEST_F(ConfigFile, NumberRules) {
@@ -116,11 +92,9 @@ TEST_F(ConfigFile, NumberRules) {
         {"portnum=19540, 19541\nds_port=0x4c55\n", 0, "19540;19541;", 19541},
         {"portnum=85076,-1\nds_port=85076\n", 0, "85076;-1;", 85076}, // no range check
         {"portnum=19540,abc\nds_port=1\n", 0, "19540;19541;", 19540}, // ds_port unread
-        {"portnum=19540x\nds_port=1\n", 0, "19540;19541;", 19540},
-        {"portnum=1,99999999999\nds_port=1\n", -ERANGE, "19540;19541;", 19540},
+        {"product=x\nportnum=1,99999999999\nds_port=1\n", -ERANGE, "19540;19541;", 19540},
         {"portnum=-99999999999\n", -ERANGE, "19540;19541;", 19540},
         {"ds_port=12ab\n", 0, "19540;19541;", 19540},
-        {"ds_port= \n", 0, "19540;19541;", 19540},
         {"ds_port=019\n", 0, "19540;19541;", 19540}, // not an octal number
         {"ds_port=4294967296\n", -ERANGE, "19540;19541;", 19540},
     };
@@ -131,13 +105,16 @@ TEST_F(ConfigFile, NumberRules) {
         EXPECT_EQ(ports(), c.ports) << c.text;
         EXPECT_EQ(settings.primary_port, c.primary) << c.text;
     }
+    release();
+    reset();
+    ASSERT_EQ(load("product=x\nportnum=1,99999999999\n"), -ERANGE);
+    EXPECT_STREQ(settings.identity.product_name, "x") << "a failure keeps earlier steps";
 }
 
 TEST_F(ConfigFile, CommandLineBindListWinsAndTheFileIsReadForItOnce) {
     settings.bind_interfaces = command_line_list;
     ASSERT_EQ(load("netif=br1\n"), 0);
     EXPECT_EQ(settings.bind_interfaces, command_line_list);
-
     reset();
     ASSERT_EQ(load("product=one\nnetif=eth0\n"), 0);
     const char *first_list = settings.bind_interfaces;
@@ -146,28 +123,11 @@ TEST_F(ConfigFile, CommandLineBindListWinsAndTheFileIsReadForItOnce) {
     EXPECT_EQ(settings.bind_interfaces, first_list);
 }
 
-TEST_F(ConfigFile, FailureKeepsWhatWasAlreadyApplied) {
-    EXPECT_EQ(load("product=first\nportnum=1,99999999999\n"), -ERANGE);
-    EXPECT_STREQ(settings.identity.product_name, "first");
-}
-
-TEST_F(ConfigFile, SurvivesBinaryGarbageAndHugeLines) {
-    std::string text;
-    unsigned state = 12345;
-    for (int i = 0; i < 65536; ++i) {
-        state = state * 1103515245u + 12345u;
-        char byte = static_cast<char>(state >> 16);
-        text += byte == '[' ? 'x' : byte; // a header would end the unnamed section
-    }
-    text += "\n" + std::string(1 << 20, 'k') + "=" + std::string(1 << 20, 'v') + "\n";
-    text += "product=" + std::string(100000, 'P') + "\nhostname=ok\xff\x01\n";
+TEST_F(ConfigFile, LongPortListsFitTheListMadeForThem) {
     std::string many_ports;
     for (int i = 1; i <= 500; ++i)
-        many_ports += std::to_string(i) + ",";
-    EXPECT_EQ(load(text + "portnum=" + many_ports + "\n"), 0);
-    EXPECT_STREQ(settings.identity.product_name, "PPPPPPPPPPPPPPP");
-    EXPECT_STREQ(settings.identity.host_name, "ok\xff\x01");
+        many_ports += std::to_string(i % 10) + ",";
+    ASSERT_EQ(load("portnum=" + many_ports + "\n"), 0);
     ASSERT_EQ(settings.port_count, 500);
-    EXPECT_EQ(settings.ports[499], 500);
-    EXPECT_EQ(load(text + "portnum=" + std::string(200000, '1') + "\n"), -ERANGE);
+    EXPECT_EQ(settings.ports[499], 0);
 }
