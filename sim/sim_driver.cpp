@@ -143,11 +143,8 @@ int sim_driver::keep_alive(const void *arg, std::string &line) {
     int result = 0;
     for (size_t i = 0; i < record->count; ++i) {
         line += (i == 0 ? "" : ",") + field_text(record->slots[i], USBDS_NAME_SIZE);
-        sim_device *device = find(record->slots[i]);
-        if (device == nullptr)
-            continue;
-        ++device->keep_alive_count;
-        if (result == 0)
+        const sim_device *device = find(record->slots[i]);
+        if (device != nullptr && result == 0)
             result = device->injected_result;
     }
     return result;

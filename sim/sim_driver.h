@@ -30,7 +30,6 @@ struct sim_device {
     // When non-zero, the negative errno value every request naming this
     // device is answered with (-ENODEV, -ENOENT, -EIO, ...).
     int injected_result = 0;
-    unsigned keep_alive_count = 0; // names received in keep-alive requests
 };
 
 class sim_driver {

@@ -1,6 +1,7 @@
 #include "device_file.h"
 
 #include <cerrno>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
@@ -9,22 +10,13 @@ namespace {
 
 class DeviceFileTest : public ::testing::Test {
   protected:
-    ~DeviceFileTest() override {
-        if (!path.empty())
-            unlink(path.c_str());
-    }
+    ~DeviceFileTest() override { unlink(path.c_str()); }
     int load_text(const std::string &text) {
-        if (!path.empty())
-            unlink(path.c_str());
-        char name[] = "/tmp/dypsim-devices-XXXXXX";
-        int fd = mkstemp(name);
-        EXPECT_GE(fd, 0);
-        EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-        ::close(fd);
-        path = name;
+        std::ofstream(path) << text;
         return sim_load_devices(path.c_str(), driver, error);
     }
-    std::string path;
+    // Per process, so that test processes running side by side never meet.
+    const std::string path = "/tmp/dypsim-devices-" + std::to_string(getpid()) + ".ini";
     sim_driver driver;
     std::string error;
 };

@@ -43,13 +43,4 @@ TEST_F(SimDriverTest, AHeldDeviceIsRefusedToOtherHostsUntilReleased) {
                                         "mac=00:00:00:00:00:00 opt_b1=0 opt_b0=0 result=0");
 }
 
-TEST_F(SimDriverTest, KeepAliveCountsKnownNamesAndAnswersInjectedFailures) {
-    char slots[3][USBDS_NAME_SIZE] = {"scanner2", "other", "scanner2"};
-    usbds_name_list_record record{3, 0, slots};
-    EXPECT_EQ(driver.handle(USBDS_IOC_KEEP_ALIVE, &record), 0);
-    EXPECT_EQ(driver.devices[1].keep_alive_count, 2u);
-    driver.devices[1].injected_result = -ENOENT;
-    EXPECT_EQ(driver.handle(USBDS_IOC_KEEP_ALIVE, &record), -ENOENT);
-}
-
 } // namespace

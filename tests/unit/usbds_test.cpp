@@ -218,15 +218,4 @@ TEST_F(UsbdsTest, KeepAlivePassesTheNamesCutToFifteenAndLogsItsFailures) {
     EXPECT_EQ(scope.opens(), scope.closes());
 }
 
-TEST(UsbdsRegistration, InitAppendsTheModuleAndCleanupRemovesIt) {
-    dypd_ds_modlist = tqlist_create<dypd_ds_module>();
-    ASSERT_NE(dypd_ds_modlist, nullptr);
-    EXPECT_EQ(dypd_ds_usb_init(), 0);
-    EXPECT_EQ(dypd_ds_modlist->head.next->item, &usbds_module);
-    EXPECT_EQ(dypd_ds_usb_cleanup(), 0);
-    EXPECT_EQ(dypd_ds_usb_cleanup(), -ENOENT);
-    tqlist_dispose(dypd_ds_modlist);
-    dypd_ds_modlist = nullptr;
-}
-
 } // namespace
