@@ -5,20 +5,18 @@
 
 struct dypd_session;
 
-int32_t dypcmd_exec_scanner_connect(dypd_session *session, const uint8_t *request, uint8_t *out,
-                                    uint32_t size);
-int32_t dypcmd_exec_scanner_disconnect(dypd_session *session, const uint8_t *request, uint8_t *out,
-                                       uint32_t size);
-int32_t dypcmd_get_usb_device_list(dypd_session *session, const uint8_t *request, uint8_t *out,
-                                   uint32_t size);
-int32_t dypcmd_get_usb_device_list_ex(dypd_session *session, const uint8_t *request, uint8_t *out,
-                                      uint32_t size);
-int32_t dypcmd_get_scanner_status(dypd_session *session, const uint8_t *request, uint8_t *out,
-                                  uint32_t size);
-int32_t dypcmd_get_scanner_port_name(dypd_session *session, const uint8_t *request, uint8_t *out,
-                                     uint32_t size);
-int32_t dypcmd_get_usb_port_name(dypd_session *session, const uint8_t *request, uint8_t *out,
-                                 uint32_t size);
+// Every handler has the form of dypd_command_handler: (session, request
+// packet, output buffer, its size) -> bytes written.
+using dypcmd_handler = int32_t(dypd_session *session, const uint8_t *request, uint8_t *out,
+                               uint32_t size);
+
+dypcmd_handler dypcmd_exec_scanner_connect;
+dypcmd_handler dypcmd_exec_scanner_disconnect;
+dypcmd_handler dypcmd_get_usb_device_list;
+dypcmd_handler dypcmd_get_usb_device_list_ex;
+dypcmd_handler dypcmd_get_scanner_status;
+dypcmd_handler dypcmd_get_scanner_port_name;
+dypcmd_handler dypcmd_get_usb_port_name;
 
 // The parameter text of a command: what follows the first ':' of the
 // request's name field, as an offset into the request packet; 0 when the
