@@ -129,8 +129,6 @@ TEST_F(Ska, NoMemoryForNamesStillEchoes) {
 
 TEST_F(Ska, InitFailuresLeaveNoSocketAndReleaseThePort) {
     dypd_ds_ska_cleanup();
-    EXPECT_EQ(dypd_ds_ska_get_fd(), -1);
-    EXPECT_EQ(dypd_ds_ska.buffer, nullptr);
     int holder = hold_ska_port();
     log_capture log;
     EXPECT_EQ(dypd_ds_ska_init(), -EADDRINUSE);
