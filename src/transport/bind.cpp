@@ -67,6 +67,11 @@ int parse_bind_list(std::string_view text, bind_list &list) {
     return 0;
 }
 
+// A throwaway datagram socket to put interface questions to the kernel.
+unique_fd interface_query_socket() {
+    return unique_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+}
+
 int resolve_index(int fd, const char *name) {
     ifreq request{};
     memcpy(request.ifr_name, name, strnlen(name, sizeof request.ifr_name - 1));
@@ -99,7 +104,7 @@ int dypd_refresh_interface_index(dypd_endpoint_header *endpoint) {
     unique_fd temporary;
     int fd = endpoint->fd;
     if (fd < 0) {
-        temporary.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        temporary = interface_query_socket();
         if (!temporary.valid())
             return -EINVAL;
         fd = temporary.get();
@@ -121,7 +126,7 @@ int dypd_check_link_local_address(dypd_endpoint_header *) {
 int dypd_get_ifname(int index, char *buffer, size_t length) {
     if (buffer == nullptr || length == 0)
         return -EINVAL;
-    unique_fd query(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    unique_fd query = interface_query_socket();
     if (!query.valid())
         return -EINVAL;
     ifreq request{};

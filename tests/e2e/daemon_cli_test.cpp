@@ -34,6 +34,11 @@ std::string scratch(const char *what) {
     return "/tmp/dypd-e2e-" + std::to_string(getpid()) + "." + what;
 }
 
+// Removes this process's configuration file when the tests end.
+struct scratch_cleanup {
+    ~scratch_cleanup() { unlink(scratch("conf").c_str()); }
+} cleanup_at_exit;
+
 void write_config(const std::string &text) {
     FILE *file = fopen(scratch("conf").c_str(), "w");
     ASSERT_NE(file, nullptr);
@@ -54,20 +59,25 @@ finished run_to_end(const std::string &command) {
             run_shell_output("cat " + scratch("err") + "; rm -f " + scratch("err"))};
 }
 
-// A daemon in the foreground (-d) in fresh mount and network namespaces;
-// the test reads its standard error through a pipe.
+// The command that runs the daemon in the foreground (-d) in fresh mount
+// and network namespaces.
+std::string in_namespaces(const std::string &arguments) {
+    return "unshare -m -n sh -c \"ip link set lo up && mount -t tmpfs none /var/run && exec " +
+           BINARY + " -d " + arguments + "\"";
+}
+
+// A daemon that keeps running; the test reads its standard error through a pipe.
 class isolated_daemon {
   public:
     explicit isolated_daemon(const std::string &arguments) {
         int pipe_fds[2];
         if (pipe2(pipe_fds, O_CLOEXEC) < 0)
             return;
-        std::string script = "ip link set lo up && mount -t tmpfs none /var/run && exec " + BINARY +
-                             " -d " + arguments + " 2>&3 >/dev/null";
+        std::string script = "exec " + in_namespaces(arguments) + " 2>&3 >/dev/null";
         pid_ = fork();
         if (pid_ == 0) {
             (void)dup2(pipe_fds[1], 3);
-            execlp("unshare", "unshare", "-m", "-n", "sh", "-c", script.c_str(), nullptr);
+            execlp("sh", "sh", "-c", script.c_str(), nullptr);
             _exit(127);
         }
         close(pipe_fds[1]);
@@ -97,15 +107,6 @@ class isolated_daemon {
             err_.append(chunk, static_cast<size_t>(count));
         }
         return true;
-    }
-
-    // Waits for the daemon to end by itself; returns its exit status.
-    int wait_exit() {
-        (void)wait_for(std::string(1, '\0')); // reads to the end of the stream
-        int status = 0;
-        bool ended = waitpid(pid_, &status, 0) == pid_;
-        pid_ = -1;
-        return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
   private:
@@ -186,22 +187,22 @@ TEST(CommandLine, StatusesAndTextsOfTheShortRuns) {
 TEST(Daemon, DebugModePrintsTheSettingsAndAMissingPrimaryPortFails) {
     DYP_REQUIRE_ROOT();
     write_config("product=Scanner Hub\nhostname=office\nportnum=19540, 0x4c55,19542\nds_port=1\n");
-    isolated_daemon daemon("-i 'lo,!br1,*' -f " + scratch("conf"));
-    EXPECT_EQ(daemon.wait_exit(), 256 - EINVAL);
+    finished run = run_to_end(in_namespaces("-i 'lo,!br1,*' -f " + scratch("conf")));
+    EXPECT_EQ(run.status, 256 - EINVAL);
     std::string rule(32, '-');
-    EXPECT_NE(daemon.err().find(rule + "\nConfig File Path   = " + scratch("conf") + "\n" +
-                                "Product            = Scanner Hub\n"
-                                "Host Name          = office\n"
-                                "Bind Interface     = lo,!br1,*\n"
-                                "UDP Ports          = 3\n"
-                                "   ( 1)UDP Port    = 19540\n"
-                                "   ( 2)UDP Port    = 19541\n"
-                                "   ( 3)UDP Port    = 19542\n" +
-                                rule + "\n"),
+    EXPECT_NE(run.err.find(rule + "\nConfig File Path   = " + scratch("conf") + "\n" +
+                           "Product            = Scanner Hub\n"
+                           "Host Name          = office\n"
+                           "Bind Interface     = lo,!br1,*\n"
+                           "UDP Ports          = 3\n"
+                           "   ( 1)UDP Port    = 19540\n"
+                           "   ( 2)UDP Port    = 19541\n"
+                           "   ( 3)UDP Port    = 19542\n" +
+                           rule + "\n"),
               std::string::npos)
-        << daemon.err();
-    EXPECT_NE(daemon.err().find(VERSION + " started"), std::string::npos);
-    EXPECT_NE(daemon.err().find("failed to initialize the daemon [-22]"), std::string::npos);
+        << run.err;
+    EXPECT_NE(run.err.find(VERSION + " started"), std::string::npos);
+    EXPECT_NE(run.err.find("failed to initialize the daemon [-22]"), std::string::npos);
 }
 
 TEST(Daemon, SecondInstanceIsRefusedByThePidFileLock) {

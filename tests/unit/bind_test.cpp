@@ -36,6 +36,7 @@ TEST(BindList, ParsesPiecesInOrderSkippingEmptyRepeatedAndLongNames) {
         {",eth0,,eth0,", "eth0;"},
         // A piece is compared as written, '!' included, with stored names.
         {"!eth0,!eth0", "!eth0;!eth0;"},
+        {"!eth0,eth0", "!eth0;"},
         {"abcdefghijklmnop,abcdefghijklmnopq,x", "abcdefghijklmno;x;"},
         {"", ""},
     };
@@ -145,7 +146,16 @@ TEST(BindOnRealInterfaces, ListsDecidePerReceivingInterface) {
     ASSERT_TRUE(inside.ok());
     const int a = static_cast<int>(if_nametoindex("dypa0"));
     const int b = static_cast<int>(if_nametoindex("dypb0"));
+    dypd_endpoint_header endpoint{};
+    (void)dypd_init_socket(&endpoint, DYPD_ENDPOINT_UDP);
+    ASSERT_EQ(dypd_set_udp_port(&endpoint, 0), 0);
+    ASSERT_EQ(dypd_open_socket(&endpoint), 0);
+    const timeval limit{5, 0}; // a lost datagram fails the case instead of hanging
+    ASSERT_EQ(setsockopt(endpoint.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
     sockaddr_in to_b{};
+    socklen_t length = sizeof to_b;
+    ASSERT_EQ(getsockname(endpoint.fd, reinterpret_cast<sockaddr *>(&to_b), &length), 0);
+    ASSERT_EQ(inet_pton(AF_INET, "192.0.2.5", &to_b.sin_addr), 1);
     const struct {
         const char *list;
         int from_a, from_b;
@@ -155,20 +165,11 @@ TEST(BindOnRealInterfaces, ListsDecidePerReceivingInterface) {
         {"dypa0,!dypb0,*", a, -EBADMSG},
     };
     for (const auto &c : cases) {
-        dypd_endpoint_header endpoint{};
-        (void)dypd_init_socket(&endpoint, DYPD_ENDPOINT_UDP);
-        ASSERT_EQ(dypd_set_udp_port(&endpoint, 0), 0);
-        ASSERT_EQ(dypd_open_socket(&endpoint), 0);
         ASSERT_EQ(dypd_set_bind_interface(&endpoint, c.list), 0);
-        const timeval limit{5, 0}; // a lost datagram fails the case instead of hanging
-        ASSERT_EQ(setsockopt(endpoint.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
-        socklen_t length = sizeof to_b;
-        ASSERT_EQ(getsockname(endpoint.fd, reinterpret_cast<sockaddr *>(&to_b), &length), 0);
-        ASSERT_EQ(inet_pton(AF_INET, "192.0.2.5", &to_b.sin_addr), 1);
         EXPECT_EQ(deliver(endpoint, client_a, to_b), c.from_a) << c.list;
         EXPECT_EQ(deliver(endpoint, client_b, to_b), c.from_b) << c.list;
-        dypd_release_socket(&endpoint);
-        dyp_free(endpoint.ports);
-        dyp_free(endpoint.bind_list);
     }
+    dypd_release_socket(&endpoint);
+    dyp_free(endpoint.ports);
+    dyp_free(endpoint.bind_list);
 }
