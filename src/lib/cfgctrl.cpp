@@ -42,12 +42,10 @@ FILE *open_for_reading(const char *path) {
     return fopen(path, "re");
 }
 
-// Reads the pairs that follow the current position up to the next header
-// or the end of the file and hands each to `take`, which owns it from then
-// on and returns a positive value to go on, 0 to stop or a negative errno
-// value to fail. Lines that are not pairs are skipped. Returns 0 at the end
-// of the section or when stopped.
-template <typename F> int read_section_pairs(FILE *stream, F &&take) {
+// Hands every line of `stream` to `visit`, which returns a positive value
+// to go on, 0 to stop or a negative errno value to fail. Returns 0 at the
+// end of the file or when stopped, otherwise the failure.
+template <typename F> int for_each_line(FILE *stream, F &&visit) {
     tq_line_buffer line;
     for (;;) {
         int length = line.read(stream);
@@ -55,18 +53,29 @@ template <typename F> int read_section_pairs(FILE *stream, F &&take) {
             return 0;
         if (length < 0)
             return length;
-        if (section_name(line.data) != nullptr)
+        int visited = visit(line.data);
+        if (visited <= 0)
+            return visited;
+    }
+}
+
+// Reads the pairs that follow the current position up to the next header
+// or the end of the file and hands each to `take`, which owns it from then
+// on and returns a positive value to go on, 0 to stop or a negative errno
+// value to fail. Lines that are not pairs are skipped. Returns 0 at the end
+// of the section or when stopped.
+template <typename F> int read_section_pairs(FILE *stream, F &&take) {
+    return for_each_line(stream, [&take](char *line) {
+        if (section_name(line) != nullptr)
             return 0;
         tq_cfg_pair *pair = nullptr;
-        int split = tq_cfg_split_line(line.data, &pair);
+        int split = tq_cfg_split_line(line, &pair);
         if (split == -EINVAL)
-            continue;
+            return 1;
         if (split < 0)
             return split;
-        int taken = take(pair);
-        if (taken <= 0)
-            return taken;
-    }
+        return take(pair);
+    });
 }
 
 // Fills `container` from the file at `path` with `fill` and hands it to
@@ -201,16 +210,10 @@ void tq_cfg_release_section(tqmap<tq_cfg_pair> *map) {
 namespace {
 // Appends the name of every section header of `stream` to `names`.
 int collect_section_names(FILE *stream, tqlist<char> *names) {
-    tq_line_buffer line;
-    for (;;) {
-        int length = line.read(stream);
-        if (length == -ENOENT)
-            return 0;
-        if (length < 0)
-            return length;
-        const char *name = section_name(line.data);
+    return for_each_line(stream, [names](char *line) {
+        const char *name = section_name(line);
         if (name == nullptr)
-            continue;
+            return 1;
         char *copy = copy_text(name, std::strlen(name));
         if (copy == nullptr)
             return -ENOMEM;
@@ -218,7 +221,8 @@ int collect_section_names(FILE *stream, tqlist<char> *names) {
             dyp_free(copy);
             return -ENOMEM;
         }
-    }
+        return 1;
+    });
 }
 } // namespace
 
@@ -262,17 +266,10 @@ int rewrite_line(FILE *out, char *line, tqmap<tq_cfg_pair> *map) {
 }
 
 int rewrite_lines(FILE *in, FILE *out, tqmap<tq_cfg_pair> *map) {
-    tq_line_buffer line;
-    for (;;) {
-        int length = line.read(in);
-        if (length == -ENOENT)
-            return 0;
-        if (length < 0)
-            return length;
-        int written = rewrite_line(out, line.data, map);
-        if (written < 0)
-            return written;
-    }
+    return for_each_line(in, [out, map](char *line) {
+        int written = rewrite_line(out, line, map);
+        return written < 0 ? written : 1;
+    });
 }
 
 // Rewrites `source` into a new file named after the template in
