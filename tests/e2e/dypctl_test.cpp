@@ -1,17 +1,16 @@
 // dypctl as a person runs it: its output and exit status against the daemon
 // with the simulated driver (root: network namespaces), and on loopback
 // against a silent box and a box that truncates its replies.
-#include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <initializer_list>
 #include <string>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "support/fake_box.h"
-#include "support/netns.h"
+#include "support/sim_testbed.h"
 
 namespace {
 
@@ -40,101 +39,50 @@ void expect_run(const run_result &r, int status, std::initializer_list<std::stri
         EXPECT_NE(r.out.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << r.out;
 }
 
-// A box namespace linked by a veth pair to a host namespace (box 192.0.2.1,
-// host 192.0.2.2), and dypd with the simulated driver in the box under a
-// private mount namespace (tmpfs /var/run for its pid file, tmpfs /sys/bus
-// for the serial numbers).
+// dypd with the simulated driver in a box namespace, dypctl in the host
+// namespace across the link.
 class DypctlDaemonTest : public ::testing::Test {
   protected:
     void SetUp() override {
         DYP_REQUIRE_ROOT();
-        box_ = std::make_unique<test_netns>("cbox");
-        host_ = std::make_unique<test_netns>("chost");
-        const std::string tag = std::to_string(getpid()), box_link = "dypcb" + tag;
-        host_link = "dypch" + tag;
-        ASSERT_EQ(run_shell("ip link add " + box_link + " netns " + box_->name() +
-                            " type veth peer name " + host_link + " netns " + host_->name()),
-                  0);
-        ASSERT_EQ(link_up(*box_, box_link, "192.0.2.1"), 0);
-        ASSERT_EQ(link_up(*host_, host_link, "192.0.2.2"), 0);
-        box_mac = mac_of(*box_, box_link);
-        host_mac = mac_of(*host_, host_link);
-        start_daemon();
-        ASSERT_TRUE(wait_for_box()) << "daemon did not answer:\n"
-                                    << run_shell_output("cat " + out_);
+        ASSERT_TRUE(bed.ready());
+        host_link = bed.host_link();
+        box_mac = bed.box_mac();
+        host_mac = run_shell_output("ip netns exec " + bed.host().name() + " cat /sys/class/net/" +
+                                    host_link + "/address")
+                       .substr(0, 17);
+        start_box(0, "Ctl Scan Hub", "ctlbox");
     }
 
-    void TearDown() override {
-        if (pid_ > 0) {
-            (void)kill(pid_, SIGTERM);
-            (void)waitpid(pid_, nullptr, 0);
-        }
-        (void)unlink(out_.c_str());
-    }
-
-    static int link_up(const test_netns &ns, const std::string &link, const std::string &ip) {
-        return ns.exec("ip addr add " + ip + "/24 brd + dev " + link + " && ip link set " + link +
-                       " up");
-    }
-
-    static std::string mac_of(const test_netns &ns, const std::string &link) {
-        return run_shell_output("ip netns exec " + ns.name() + " cat /sys/class/net/" + link +
-                                "/address")
-            .substr(0, 17);
-    }
-
-    void start_daemon() {
-        const std::string script =
-            "mount -t tmpfs dyprun /var/run && mount -t tmpfs dypsys /sys/bus"
-            " && mkdir -p /sys/bus/usb/devices/1-1.2"
-            " && echo NW410A00017 > /sys/bus/usb/devices/1-1.2/serial"
-            " && printf 'product=Ctl Scan Hub\\nhostname=ctlbox\\n' > /var/run/dypd.conf"
-            " && exec env LD_PRELOAD=" DYPSIM_PRELOAD " ASAN_OPTIONS=verify_asan_link_order=0"
-            " DYPSIM_DEVICES=" DYPTEST_SOURCE_DIR "/examples/devices.ini " DYPD_BINARY
-            " -d -f /var/run/dypd.conf";
-        pid_ = fork();
-        if (pid_ == 0) {
-            FILE *f = freopen(out_.c_str(), "w", stderr);
-            if (f != nullptr)
-                (void)dup2(fileno(f), STDOUT_FILENO);
-            execlp("ip", "ip", "netns", "exec", box_->name().c_str(), "unshare", "-m", "sh", "-c",
-                   script.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
-    }
-
-    // Discovery is how a host learns that a box is up: ask until it answers
-    // (each attempt waits for the replies themselves).
-    bool wait_for_box() {
-        for (int attempt = 0; attempt < 50; ++attempt) {
-            if (in_host("discover --interface " + host_link + " --timeout 0.2").status == 0)
-                return true;
-            if (pid_ <= 0 || waitpid(pid_, nullptr, WNOHANG) != 0)
-                return false;
-        }
-        return false;
+    void start_box(int box, const std::string &product, const std::string &hostname) {
+        const std::string conf = bed.dir() + "/dypd" + std::to_string(box) + ".conf";
+        std::ofstream(conf) << "product=" << product << "\nhostname=" << hostname << "\n";
+        ASSERT_TRUE(bed.start(sim_testbed::daemon_script(conf), {19540}, box)) << "no daemon:\n"
+                                                                               << bed.output(box);
     }
 
     run_result in_host(const std::string &args) {
-        return dypctl(args, "ip netns exec " + host_->name() + " ");
+        return dypctl(args, "ip netns exec " + bed.host().name() + " ");
     }
 
+    sim_testbed bed{2};
     std::string host_link, box_mac, host_mac;
-
-  private:
-    std::unique_ptr<test_netns> box_, host_;
-    std::string out_ = "/tmp/dypctl-e2e-" + std::to_string(getpid()) + ".out";
-    pid_t pid_ = -1;
 };
 
-TEST_F(DypctlDaemonTest, DiscoverListsTheBoxOnce) {
+TEST_F(DypctlDaemonTest, DiscoverListsEachBoxOnce) {
+    start_box(1, "Second Hub", "otherbox");
     expect_run(in_host("discover --interface " + host_link + " --timeout 0.5"), 0,
-               {"192.0.2.1:19540", box_mac, "Ctl Scan Hub", "ctlbox", "Ver 2.2.0", "present"});
+               {"192.0.2.1:19540", box_mac, "Ctl Scan Hub", "ctlbox", "Ver 2.2.0", "present",
+                "192.0.2.3:19540", bed.box_mac(1), "Second Hub", "otherbox"});
     auto json = in_host("discover --address 192.0.2.255 --timeout 0.5 --json");
     expect_run(json, 0,
-               {"\"ip\":\"192.0.2.1\"", "\"mac\":\"" + box_mac + "\"",
+               {"\"ip\":\"192.0.2.1\"", "\"mac\":\"" + box_mac + "\"", "\"ip\":\"192.0.2.3\"",
                 "\"device\":\"Northwind Imaging DocuFeed 410\""});
-    EXPECT_EQ(json.out.find("\"address\""), json.out.rfind("\"address\"")) << json.out;
+    // One entry per box, however many of its answers came.
+    size_t boxes = 0;
+    for (size_t at = 0; (at = json.out.find("\"address\"", at)) != std::string::npos; ++at)
+        ++boxes;
+    EXPECT_EQ(boxes, 2u) << json.out;
 }
 
 TEST_F(DypctlDaemonTest, DevicesPortsAndStatus) {

@@ -32,52 +32,81 @@ std::string read_text_file(const std::string &path) {
     return text.str();
 }
 
-sim_testbed::sim_testbed()
-    : box_link_("dypb" + std::to_string(getpid())), host_link_("dyph" + std::to_string(getpid())) {
+sim_testbed::sim_testbed(int boxes)
+    : box_link_("dypb" + std::to_string(getpid())), host_link_("dypbr" + std::to_string(getpid())) {
     char dir_template[] = "/tmp/dyp-testbed-XXXXXX";
     if (mkdtemp(dir_template) == nullptr)
         return;
     dir_ = dir_template;
-    ready_ = run_shell("ip link add " + box_link_ + " netns " + box_.name() +
-                       " type veth peer name " + host_link_ + " netns " + host_.name()) == 0 &&
-             box_.exec(link_up("192.0.2.1", box_link_)) == 0 &&
-             host_.exec(link_up("192.0.2.2", host_link_)) == 0;
+    // Without spanning tree the bridge forwards as soon as a port is up.
+    ready_ = host_.exec("ip link add " + host_link_ + " type bridge stp_state 0 && " +
+                        link_up("192.0.2.2", host_link_)) == 0;
+    for (int i = 0; ready_ && i < boxes; ++i)
+        ready_ = join_box(i);
+}
+
+bool sim_testbed::join_box(int i) {
+    boxes_.push_back({std::make_unique<test_netns>("sbox" + std::to_string(i)), -1});
+    const std::string port = "dyph" + std::to_string(i) + "p" + std::to_string(getpid());
+    return run_shell("ip link add " + box_link_ + " netns " + box(i).name() +
+                     " type veth peer name " + port + " netns " + host_.name()) == 0 &&
+           host_.exec("ip link set " + port + " master " + host_link_ + " up") == 0 &&
+           box(i).exec(link_up(box_address(i), box_link_)) == 0;
 }
 
 sim_testbed::~sim_testbed() {
-    if (pid_ > 0) {
-        (void)kill(pid_, SIGTERM);
+    for (box_ns &b : boxes_) {
+        if (b.pid <= 0)
+            continue;
+        (void)kill(b.pid, SIGTERM);
         int status;
-        (void)waitpid(pid_, &status, 0);
+        (void)waitpid(b.pid, &status, 0);
     }
     if (!dir_.empty())
         (void)run_shell("rm -rf " + dir_);
 }
 
-std::string sim_testbed::output() const {
-    return read_text_file(dir_ + "/program.out");
+std::string sim_testbed::daemon_script(const std::string &conf, const std::string &env) {
+    return "mount -t tmpfs dyprun /var/run && mount -t tmpfs dypsys /sys/bus"
+           " && mkdir -p /sys/bus/usb/devices/1-1.2"
+           " && echo NW410A00017 > /sys/bus/usb/devices/1-1.2/serial"
+           " && exec env LD_PRELOAD=" DYPSIM_PRELOAD " ASAN_OPTIONS=verify_asan_link_order=0"
+           " DYPSIM_DEVICES=" DYPTEST_SOURCE_DIR "/examples/devices.ini " +
+           env + " " DYPD_BINARY " -d -f " + conf;
 }
 
-bool sim_testbed::start(const std::string &script, std::initializer_list<uint16_t> ports) {
-    std::string output_path = dir_ + "/program.out";
-    pid_ = fork();
-    if (pid_ < 0)
+std::string sim_testbed::box_mac(int i) const {
+    return run_shell_output("ip netns exec " + box(i).name() + " cat /sys/class/net/" + box_link_ +
+                            "/address")
+        .substr(0, 17);
+}
+
+std::string sim_testbed::output(int box) const {
+    return read_text_file(dir_ + "/program" + std::to_string(box) + ".out");
+}
+
+bool sim_testbed::start(const std::string &script, std::initializer_list<uint16_t> ports, int box) {
+    std::string output_path = dir_ + "/program" + std::to_string(box) + ".out";
+    pid_t pid = fork();
+    if (pid < 0)
         return false;
-    if (pid_ == 0) {
+    if (pid == 0) {
         FILE *out = freopen(output_path.c_str(), "w", stderr);
         if (out != nullptr)
             (void)dup2(fileno(out), STDOUT_FILENO);
-        execlp("ip", "ip", "netns", "exec", box_.name().c_str(), "unshare", "-m", "sh", "-c",
-               script.c_str(), static_cast<char *>(nullptr));
+        execlp("ip", "ip", "netns", "exec", this->box(box).name().c_str(), "unshare", "-m", "sh",
+               "-c", script.c_str(), static_cast<char *>(nullptr));
         _exit(127);
     }
-    return ports_bound(ports);
+    boxes_[box].pid = pid;
+    return ports_bound(box, ports);
 }
 
-bool sim_testbed::ports_bound(std::initializer_list<uint16_t> ports) {
-    netns_scope inside(box_.name());
+bool sim_testbed::ports_bound(int box, std::initializer_list<uint16_t> ports) {
+    netns_scope inside(this->box(box).name());
     if (!inside.ok())
         return false;
+    pid_t &pid = boxes_[box].pid;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (std::chrono::steady_clock::now() < deadline) {
         bool all = true;
@@ -86,8 +115,8 @@ bool sim_testbed::ports_bound(std::initializer_list<uint16_t> ports) {
         if (all)
             return true;
         int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            pid = -1;
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));

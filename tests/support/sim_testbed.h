@@ -1,50 +1,67 @@
-// A two-namespace test bed for running the daemon end to end: a box
-// namespace joined by a veth pair to a host namespace (box 192.0.2.1/24,
-// host 192.0.2.2/24), and a program started in the box namespace inside a
-// private mount namespace of its own. Namespace and link names carry the
-// pid, so that test processes running side by side never meet.
+// A test bed for running the daemon end to end: one or more box
+// namespaces, each joined by a veth pair to a bridge in one host namespace
+// (host 192.0.2.2/24, boxes 192.0.2.1, 192.0.2.3, 192.0.2.5, ...), and a
+// program started in a box namespace inside a private mount namespace of
+// its own. Namespace and link names carry the pid, so that test processes
+// running side by side never meet.
 #pragma once
 
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 #include "support/netns.h"
 
 class sim_testbed {
   public:
-    sim_testbed();
-    // Stops the program, then removes the namespaces and the work directory.
+    explicit sim_testbed(int boxes = 1);
+    // Stops the programs, then removes the namespaces and the work directory.
     ~sim_testbed();
     sim_testbed(const sim_testbed &) = delete;
     sim_testbed &operator=(const sim_testbed &) = delete;
 
-    // True once the namespaces, the link and the work directory exist.
+    // True once the namespaces, the links and the work directory exist.
     bool ready() const { return ready_; }
-    // Runs `script` with sh in a private mount namespace of the box, its
-    // output going to output(), and waits until every UDP port in `ports`
-    // is bound in the box namespace. False if it died or took 10 s.
-    bool start(const std::string &script, std::initializer_list<uint16_t> ports);
+    // Runs `script` with sh in a private mount namespace of box `box`, its
+    // output going to output(box), and waits until every UDP port in
+    // `ports` is bound in that box's namespace. False if it died or took 10 s.
+    bool start(const std::string &script, std::initializer_list<uint16_t> ports, int box = 0);
+    // A script for start(): dypd in the foreground in debug mode with the
+    // simulated driver and the example devices, its configuration file
+    // `conf`, its own /var/run for the pid file and a /sys/bus where the
+    // device at H112 (1-1.2) has the serial number NW410A00017. Each entry of
+    // `env` is added to the daemon's environment as it stands ("NAME=value").
+    static std::string daemon_script(const std::string &conf, const std::string &env = "");
 
-    const test_netns &box() const { return box_; }
+    const test_netns &box(int i = 0) const { return *boxes_[i].ns; }
     const test_netns &host() const { return host_; }
+    // The box's end of its link (the same name in every box namespace).
     const std::string &box_link() const { return box_link_; }
+    // The host's bridge, which joins every box.
     const std::string &host_link() const { return host_link_; }
+    static std::string box_address(int i) { return "192.0.2." + std::to_string(2 * i + 1); }
+    std::string box_mac(int i = 0) const;
     // A private directory for the test's files.
     const std::string &dir() const { return dir_; }
-    std::string output() const;
+    std::string output(int box = 0) const;
 
   private:
-    bool ports_bound(std::initializer_list<uint16_t> ports);
+    struct box_ns {
+        std::unique_ptr<test_netns> ns;
+        pid_t pid = -1;
+    };
+    bool join_box(int i);
+    bool ports_bound(int box, std::initializer_list<uint16_t> ports);
 
-    test_netns box_{"sbox"};
     test_netns host_{"shost"};
+    std::vector<box_ns> boxes_;
     std::string box_link_;
     std::string host_link_;
     std::string dir_;
     bool ready_ = false;
-    pid_t pid_ = -1;
 };
 
 // The whole text of a file; empty if it cannot be read.
