@@ -8,6 +8,7 @@
 #include "lib/alloc.h"
 #include "lib/cfgctrl.h"
 #include "lib/nerrno.h"
+#include "lib/text.h"
 
 namespace {
 
@@ -43,10 +44,8 @@ void load_name(const char *path, const char *key, char (&field)[16]) {
     char *value = nullptr;
     if (tq_cfg_get_ini_string(path, nullptr, key, &value) < 0)
         return;
-    if (value[0] != '\0') {
-        strncpy(field, value, sizeof field);
-        field[sizeof field - 1] = '\0';
-    }
+    if (value[0] != '\0')
+        copy_text(field, value);
     tq_cfg_release_string(value);
 }
 

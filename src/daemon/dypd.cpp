@@ -12,6 +12,7 @@
 #include "lib/alloc.h"
 #include "lib/fd.h"
 #include "lib/log.h"
+#include "lib/text.h"
 #include "lib/process.h"
 #include "protocol/command.h"
 
@@ -54,15 +55,12 @@ void set_defaults(dypd_settings *settings) {
     settings->port_count = 2;
 
     dypd_identity &identity = settings->identity;
-    strncpy(identity.product_name, DEFAULT_PRODUCT_NAME, sizeof identity.product_name);
-    identity.product_name[sizeof identity.product_name - 1] = '\0';
+    copy_text(identity.product_name, DEFAULT_PRODUCT_NAME);
     // Without a system host name the field stays empty; unless the file
     // names one, that is an invalid configuration.
     char host_name[64] = {};
-    if (gethostname(host_name, sizeof host_name) == 0) {
-        memcpy(identity.host_name, host_name, sizeof identity.host_name);
-        identity.host_name[sizeof identity.host_name - 1] = '\0';
-    }
+    if (gethostname(host_name, sizeof host_name) == 0)
+        copy_text(identity.host_name, host_name);
 }
 
 int parse_options(int argc, char **argv, dypd_settings *settings) {

@@ -8,6 +8,7 @@
 #include "lib/alloc.h"
 #include "lib/buffer.h"
 #include "lib/log.h"
+#include "lib/text.h"
 #include "protocol/packet.h"
 #include "protocol/session.h"
 
@@ -63,13 +64,6 @@ bool parse_scanner_param(const uint8_t *request, scanner_param *param) {
     return true;
 }
 
-// Bounded copy of a name into a 16-byte field; the rest stays NUL.
-void copy_name(char (&name)[16], const char *source) {
-    size_t length = strnlen(source, sizeof name - 1);
-    memcpy(name, source, length);
-    memset(name + length, 0, sizeof name - length);
-}
-
 void fill_host_addr(uint8_t *storage, const uint8_t *port, const uint8_t *ipv4) {
     const uint16_t family = AF_INET;
     memcpy(storage + SA_FAMILY, &family, sizeof family);
@@ -88,7 +82,7 @@ int32_t answer(uint8_t *out, uint32_t size, bool ok) {
 // walk's verdict: true to go on with the next module.
 bool offer_interface(dypd_ds_module *module, dypd_ds_interface_info *info,
                      const dypd_ds_connect_param_ex *param, int *result) {
-    copy_name(info->name, param->name);
+    copy_text(info->name, param->name);
     int found = module->get_interface_info(module, info);
     if (found == -ENODEV)
         return true;
@@ -148,7 +142,7 @@ int32_t dypcmd_exec_scanner_connect(dypd_session *session, const uint8_t *reques
 
     dypd_ds_connect_param_ex connect = {};
     connect.size = DYPD_DS_CONNECT_EX_SIZE;
-    copy_name(connect.name, param.ifname);
+    copy_text(connect.name, param.ifname);
     fill_host_addr(connect.host_addr, param.port, param.ipv4);
     memcpy(connect.host_mac, param.mac, sizeof connect.host_mac);
     connect.opt_b1 = (param.options & OPT_B1) != 0 ? 1 : 0;
@@ -179,7 +173,7 @@ int32_t dypcmd_exec_scanner_disconnect(dypd_session *, const uint8_t *request, u
         return answer(out, size, false);
 
     dypd_ds_connect_param release = {};
-    copy_name(release.name, param.ifname);
+    copy_text(release.name, param.ifname);
     fill_host_addr(release.host_addr, nullptr, param.ipv4);
     int result = -ENODEV;
     // Unlike connect, a failing module does not end the walk: the others

@@ -10,6 +10,7 @@
 #include "lib/be.h"
 #include "lib/fd.h"
 #include "lib/log.h"
+#include "lib/text.h"
 #include "lib/nerrno.h"
 
 dypd_ds_ska_record dypd_ds_ska = {-1, nullptr};
@@ -47,10 +48,8 @@ void pass_names_alive(const uint8_t *packet) {
         return;
     }
     const char *name = reinterpret_cast<const char *>(packet + SKA_HEADER_SIZE);
-    for (uint32_t i = 0; i < count; ++i, name += strlen(name) + 1) {
-        strncpy(slots[i], name, DYPD_DS_NAME_SLOT - 1);
-        slots[i][DYPD_DS_NAME_SLOT - 1] = '\0';
-    }
+    for (uint32_t i = 0; i < count; ++i, name += strlen(name) + 1)
+        copy_text(slots[i], name);
     // A packet of SKA_BUFFER_SIZE bytes holds at most about 2000 names, so
     // the count fits the list's 16 bits.
     const dypd_ds_name_list list = {static_cast<uint16_t>(count), slots};

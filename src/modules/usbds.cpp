@@ -6,6 +6,7 @@
 
 #include "lib/alloc.h"
 #include "lib/log.h"
+#include "lib/text.h"
 #include "modules/driver_abi.h"
 #include "modules/driver_io.h"
 
@@ -15,18 +16,6 @@ namespace {
 // set again by the next successful open, so that a run of failures is
 // logged once.
 uint32_t usbds_report_open_failure = 1;
-
-// Copies at most `dst_size` - 1 characters of a text field that need not be
-// terminated within its `src_size` bytes; the rest of `dst` is zeroed.
-void copy_text(char *dst, size_t dst_size, const char *src, size_t src_size) {
-    size_t length = strnlen(src, src_size < dst_size ? src_size : dst_size - 1);
-    memcpy(dst, src, length);
-    memset(dst + length, 0, dst_size - length);
-}
-
-template <size_t N, size_t M> void copy_name(char (&dst)[N], const char (&src)[M]) {
-    copy_text(dst, N, src, M);
-}
 
 // Opens the control file, issues one request and closes the file again.
 int issue_request(unsigned long request, void *record) {
@@ -38,7 +27,7 @@ int issue_request(unsigned long request, void *record) {
 
 int usbds_connect_interface(dypd_ds_module *, const dypd_ds_connect_param *param) {
     usbds_connect_record record{};
-    copy_name(record.name, param->name);
+    copy_field(record.name, param->name);
     memcpy(record.host_addr, param->host_addr, sizeof record.host_addr);
     memcpy(record.host_mac, param->host_mac, sizeof record.host_mac);
     record.opt_b1 = param->opt_b1;
@@ -50,19 +39,19 @@ int usbds_connect_interface(dypd_ds_module *, const dypd_ds_connect_param *param
 // not trusted.
 int usbds_connect_interface_ex(dypd_ds_module *, const dypd_ds_connect_param_ex *param) {
     usbds_connect_ex_record record{};
-    copy_name(record.name, param->name);
+    copy_field(record.name, param->name);
     memcpy(record.host_addr, param->host_addr, sizeof record.host_addr);
     memcpy(record.host_mac, param->host_mac, sizeof record.host_mac);
     record.opt_b1 = (param->opts & 0x02) != 0 ? 1 : 0;
     record.opt_b0 = param->opts & 0x01;
     record.size = param->size;
-    copy_name(record.ifname, param->ifname);
+    copy_field(record.ifname, param->ifname);
     return issue_request(USBDS_IOC_CONNECT_EX, &record);
 }
 
 int usbds_disconnect_interface(dypd_ds_module *, const dypd_ds_connect_param *param) {
     usbds_disconnect_record record{};
-    copy_name(record.name, param->name);
+    copy_field(record.name, param->name);
     memcpy(record.host_addr, param->host_addr, sizeof record.host_addr);
     return issue_request(USBDS_IOC_DISCONNECT, &record);
 }
@@ -86,7 +75,7 @@ int usbds_get_interface_names(dypd_ds_module *, dypd_ds_name_list *list) {
     if (written > list->count)
         written = list->count;
     for (int i = 0; i < written; ++i)
-        copy_name(list->names[i], slots[i]);
+        copy_field(list->names[i], slots[i]);
     dyp_free(slots);
     return written;
 }
@@ -117,11 +106,11 @@ void compose_description(char (&description)[USBDS_TEXT_SIZE], const usbds_info_
 // the caller prepared it; only 0 means the record was filled.
 int usbds_get_interface_info(dypd_ds_module *, dypd_ds_interface_info *info) {
     usbds_info_record record{};
-    copy_name(record.name, info->name);
+    copy_field(record.name, info->name);
     int result = issue_request(USBDS_IOC_GET_INTERFACE_INFO, &record);
     if (result != 0)
         return result;
-    copy_name(info->name, record.name);
+    copy_field(info->name, record.name);
     compose_description(info->description, record);
     memcpy(info->host_addr, record.host_addr, sizeof info->host_addr);
     memcpy(info->host_mac, record.host_mac, sizeof info->host_mac);
@@ -157,7 +146,7 @@ void usbds_keep_alive(dypd_ds_module *, const dypd_ds_name_list *list) {
     record.count = list->count;
     record.slots = slots;
     for (size_t i = 0; i < list->count; ++i)
-        copy_name(slots[i], list->names[i]);
+        copy_field(slots[i], list->names[i]);
     int result = driver.ioctl(USBDS_IOC_KEEP_ALIVE, &record);
     if (result < 0)
         dyp_log(LOG_ERR, "failed to execute IOCTL(%d) (err: %d)", request, result);
