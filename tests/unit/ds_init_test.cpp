@@ -1,19 +1,11 @@
-#include <cstring>
-
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include "ds/ds.h"
-#include "ds/module.h"
 #include "ds/ska.h"
-#include "lib/alloc.h"
 #include "modules/usbds.h"
 #include "protocol/command.h"
 #include "support/fake_ds_module.h"
-#include "support/log_capture.h"
 
 namespace {
 
@@ -53,12 +45,15 @@ class DsInit : public ska_namespace_test {
     dypd_udp_port endpoint{};
 };
 
-TEST_F(DsInit, BuildsTheWholeDeviceServerAndCleanupUndoesIt) {
+TEST_F(DsInit, BuildsTheDeviceServerServesSkaAndCleanupUndoesIt) {
+    fd_set set;
+    FD_ZERO(&set);
+    log_capture log;
+    EXPECT_EQ(dypd_ds_subproto_fd_set(&set), -1);
+    EXPECT_EQ(log.count(LOG_ERR, "BUG: a UDP socket used by SKA is not initialized"), 1);
     ASSERT_EQ(dypd_ds_init(&endpoint), 0);
     EXPECT_EQ(dypd_ds_core, &endpoint);
     EXPECT_EQ(endpoint.advertise, &dypd_ds_process_advertise);
-    EXPECT_GE(dypd_ds_ska_get_fd(), 0);
-    ASSERT_NE(dypd_ds_modlist, nullptr);
     EXPECT_EQ(dypd_ds_modlist->head.next->item, &usbds_module);
     EXPECT_EQ(registered_commands(),
               (std::vector<std::string>{"EXEC SCANNER CONNECT", "EXEC SCANNER DISCONNECT",
@@ -67,11 +62,19 @@ TEST_F(DsInit, BuildsTheWholeDeviceServerAndCleanupUndoesIt) {
                                         "GET USB_PORT_NAME"}));
     EXPECT_EQ(dypd_get_command("GET USB_DEVICE_LIST_EX")->mode, DYPD_XFER_READ);
     EXPECT_EQ(dypd_get_command("EXEC SCANNER CONNECT:x")->mode, DYPD_XFER_EXEC);
+    int fd = dypd_ds_subproto_fd_set(&set);
+    EXPECT_EQ(fd, dypd_ds_ska_get_fd());
+    EXPECT_TRUE(FD_ISSET(fd, &set));
+    int client = udp_socket();
+    send_to_ska(client, {0x00, 0x06, 'K', 'A', 0x00, 0x00});
+    dypd_ds_subproto_handler(nullptr, &set);
+    uint8_t echo[16];
+    EXPECT_EQ(recv(client, echo, sizeof echo, MSG_DONTWAIT), 6);
+    close(client);
 
     dypd_ds_cleanup();
     expect_torn_down();
     EXPECT_EQ(endpoint.advertise, &dypd_ds_process_advertise); // stays registered
-    EXPECT_EQ(dypd_ds_core, &endpoint);
 }
 
 TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
@@ -81,7 +84,7 @@ TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
     EXPECT_EQ(endpoint.advertise, &other_handler);
     endpoint.advertise = nullptr;
 
-    int holder = hold_ska_port();
+    int holder = udp_socket(SKA_PORT, true);
     EXPECT_EQ(dypd_ds_init(&endpoint), -EADDRINUSE);
     close(holder);
     expect_torn_down();
@@ -96,35 +99,8 @@ TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
         dyp_alloc_fail_after(0);
         expect_torn_down();
         EXPECT_EQ(endpoint.advertise, nullptr);
-        if (failing == 1)
-            EXPECT_EQ(dypd_ds_core, nullptr);
+        EXPECT_EQ(dypd_ds_core, failing == 1 ? nullptr : &endpoint);
     }
-    ASSERT_EQ(dypd_ds_init(&endpoint), 0);
-    dypd_ds_cleanup();
-}
-
-TEST_F(DsInit, HooksServeTheSkaSocketAndReportItsAbsence) {
-    EXPECT_EQ(dypd_ds_set_timeout(), -1);
-    log_capture log;
-    fd_set set;
-    FD_ZERO(&set);
-    EXPECT_EQ(dypd_ds_subproto_fd_set(&set), -1);
-    dypd_ds_subproto_handler(nullptr, &set);
-    EXPECT_EQ(log.count(LOG_ERR, "BUG: a UDP socket used by SKA is not initialized"), 2);
-
-    ASSERT_EQ(dypd_ds_init(&endpoint), 0);
-    FD_ZERO(&set);
-    int fd = dypd_ds_subproto_fd_set(&set);
-    EXPECT_EQ(fd, dypd_ds_ska_get_fd());
-    EXPECT_TRUE(FD_ISSET(fd, &set));
-    // A ready SKA socket is served: the packet comes back.
-    int client = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    send_to_ska(client, {0x00, 0x06, 'K', 'A', 0x00, 0x00});
-    dypd_ds_subproto_handler(nullptr, &set);
-    uint8_t echo[16];
-    EXPECT_EQ(recv(client, echo, sizeof echo, MSG_DONTWAIT), 6);
-    close(client);
-    dypd_ds_cleanup();
 }
 
 } // namespace

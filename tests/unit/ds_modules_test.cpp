@@ -1,9 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "ds/walk.h"
-#include "lib/alloc.h"
 #include "support/fake_ds_module.h"
-#include "support/log_capture.h"
 
 namespace {
 
@@ -16,68 +12,49 @@ std::vector<dypd_ds_module *> listed() {
     return modules;
 }
 
-TEST(ModuleRegistry, AppendsInOrderAndRefusesANullName) {
-    fake_module first("first"), unnamed(""), nameless(nullptr);
-    EXPECT_EQ(dypd_ds_register_module(first.get()), -ENOMEM); // no list yet
+TEST(ModuleRegistry, AppendsInOrderRefusesANullNameAndUnregistersTheFirstEntry) {
+    fake_module twice("twice"), unnamed(""), nameless(nullptr);
+    EXPECT_EQ(dypd_ds_register_module(twice.get()), -ENOMEM); // no list yet
+    EXPECT_EQ(dypd_ds_unregister_module(twice.get()), -ENOENT);
     module_list_scope list;
     log_capture log;
-    ASSERT_EQ(dypd_ds_register_module(first.get()), 0);
-    ASSERT_EQ(dypd_ds_register_module(unnamed.get()), 0);
+    EXPECT_EQ(dypd_ds_unregister_module(twice.get()), -ENOENT); // empty
+    for (fake_module *fake : {&twice, &unnamed, &twice})
+        ASSERT_EQ(dypd_ds_register_module(fake->get()), 0);
     EXPECT_EQ(dypd_ds_register_module(nameless.get()), -EINVAL);
     EXPECT_EQ(log.count(LOG_ERR, "module name is not specified"), 1);
     dyp_alloc_fail_after(1);
-    EXPECT_EQ(dypd_ds_register_module(first.get()), -ENOMEM);
+    EXPECT_EQ(dypd_ds_register_module(twice.get()), -ENOMEM);
     dyp_alloc_fail_after(0);
-    EXPECT_EQ(listed(), (std::vector<dypd_ds_module *>{first.get(), unnamed.get()}));
-}
-
-TEST(ModuleRegistry, UnregisterRemovesTheFirstEntryOfTheRecordOrIsENOENT) {
-    fake_module twice("twice"), other("other");
-    EXPECT_EQ(dypd_ds_unregister_module(twice.get()), -ENOENT); // no list
-    module_list_scope list;
-    EXPECT_EQ(dypd_ds_unregister_module(twice.get()), -ENOENT); // empty
-    ASSERT_EQ(dypd_ds_register_module(twice.get()), 0);
-    ASSERT_EQ(dypd_ds_register_module(other.get()), 0);
-    ASSERT_EQ(dypd_ds_register_module(twice.get()), 0);
     EXPECT_EQ(dypd_ds_unregister_module(twice.get()), 0);
-    EXPECT_EQ(listed(), (std::vector<dypd_ds_module *>{other.get(), twice.get()}));
-    fake_module stranger("stranger");
-    EXPECT_EQ(dypd_ds_unregister_module(stranger.get()), -ENOENT);
-    EXPECT_EQ(listed().size(), 2u);
+    EXPECT_EQ(dypd_ds_unregister_module(nameless.get()), -ENOENT);
+    EXPECT_EQ(listed(), (std::vector<dypd_ds_module *>{unnamed.get(), twice.get()}));
 }
 
-TEST(ModuleWalk, FetchClampsTheRequestAndDistrustsAnInflatedNameCount) {
-    fake_module module("m");
+TEST(ModuleWalk, FetchClampsTheRequestDistrustsInflatedCountsAndLogsRealFailures) {
+    fake_module module("broken");
     for (int i = 0; i < 10; ++i)
         module.interfaces.push_back({"if" + std::to_string(i)});
-    module.names_overridden = true;
     module.names_result = 1000; // more names than slots
     dypd_ds_name_list names = {};
     EXPECT_EQ(dypd_ds_fetch_names(module.get(), 4, &names), 4);
     EXPECT_EQ(module.names_asked, std::vector<uint16_t>{4});
     EXPECT_STREQ(names.names[3], "if3");
     dyp_free(names.names);
-}
 
-TEST(ModuleWalk, FetchLogsFailuresWithTheModuleNameSaveTheQuietENOENT) {
     log_capture log;
-    fake_module module("broken");
-    module.num_overridden = true;
-    module.num_result = -EIO;
-    dypd_ds_name_list names = {};
-    EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get the number of interfaces module broken (err: -5)"), 1);
-    module.num_result = 2;
-    module.names_overridden = true;
     for (int failure : {-ENOENT, -EPERM}) {
         module.names_result = failure;
         EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
     }
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get interface names module broken (err: -1)"), 1);
     dyp_alloc_fail_after(1);
     EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
     dyp_alloc_fail_after(0);
-    EXPECT_EQ(log.count(LOG_ERR, "no memory for interface names num_entries 2 module broken"), 1);
+    module.num_result = -EIO;
+    EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
+    EXPECT_EQ(log.count(LOG_ERR, "cannot get interface names module broken (err: -1)"), 1);
+    EXPECT_EQ(log.count(LOG_ERR, "no memory for interface names num_entries 10 module broken"), 1);
+    EXPECT_EQ(log.count(LOG_ERR, "cannot get the number of interfaces module broken (err: -5)"), 1);
     EXPECT_EQ(log.lines().size(), 3u);
 }
 

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <string>
 #include <syslog.h>
 
@@ -15,8 +14,6 @@
 #include "support/log_capture.h"
 
 namespace {
-
-const std::string KEEP_ALIVE_REQUEST = std::to_string(static_cast<int>(USBDS_IOC_KEEP_ALIVE));
 
 class UsbdsTest : public ::testing::Test {
   protected:
@@ -35,38 +32,28 @@ class UsbdsTest : public ::testing::Test {
              .status_flag = 4},
             {.name = "scanner2", .vendor_id = 0x1234, .product_id = 0x5678},
         };
+        strcpy(param.name, "scanner2");
+        sockaddr_in address{AF_INET, htons(19540), {htonl(0xC0000207)}, {}}; // 192.0.2.7
+        memcpy(param.host_addr, &address, sizeof address);
+        memcpy(param.host_mac, "\x02\x00\x5e\x00\x53\x01", 6);
     }
     ~UsbdsTest() override { dyp_alloc_fail_after(0); }
 
-    // A request from 192.0.2.<host>:19540 with MAC 02:00:5e:00:53:01.
-    static dypd_ds_connect_param connect_param(const char *name, uint8_t host) {
-        dypd_ds_connect_param param{};
-        strncpy(param.name, name, sizeof param.name - 1);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(19540);
-        address.sin_addr.s_addr = htonl(0xC0000200 | host);
-        memcpy(param.host_addr, &address, sizeof address);
-        const uint8_t mac[6] = {0x02, 0x00, 0x5e, 0x00, 0x53, 0x01};
-        memcpy(param.host_mac, mac, sizeof mac);
-        return param;
-    }
-
-    int info(const char *name, dypd_ds_interface_info &record) {
+    int info(const char *name) {
         record = {};
-        strncpy(record.name, name, sizeof record.name - 1);
+        strcpy(record.name, name);
         return module->get_interface_info(module, &record);
     }
-
     const std::string &last_request() const { return driver.requests().back(); }
 
     sim_driver driver;
     sim_driver_scope scope{driver};
     dypd_ds_module *module = &usbds_module;
+    dypd_ds_connect_param param{};
+    dypd_ds_interface_info record{};
 };
 
 TEST_F(UsbdsTest, ConnectRequestsCarryTheCallersRecordThroughAFreshDescriptor) {
-    dypd_ds_connect_param param = connect_param("scanner2", 7);
     param.opt_b1 = 1;
     EXPECT_EQ(module->connect(module, &param), 0);
     EXPECT_EQ(last_request(), "connect name=scanner2 host=192.0.2.7:19540 mac=02:00:5e:00:53:01 "
@@ -98,22 +85,19 @@ TEST_F(UsbdsTest, ConnectRequestsCarryTheCallersRecordThroughAFreshDescriptor) {
 }
 
 TEST_F(UsbdsTest, FailuresOfOpenAndDriverArePassedOnQuietly) {
-    dypd_ds_connect_param param = connect_param("scanner1", 7);
-    dypd_ds_interface_info record;
     char slots[2][DYPD_DS_NAME_SLOT] = {};
     dypd_ds_name_list list{2, slots};
     log_capture log;
     driver.control_file_missing = true;
     EXPECT_EQ(module->connect(module, &param), -ENOENT);
     EXPECT_EQ(module->get_num_interfaces(module), -ENOENT);
-    EXPECT_EQ(info("scanner1", record), -ENOENT);
+    EXPECT_EQ(info("scanner2"), -ENOENT);
     EXPECT_EQ(module->get_interface_names(module, &list), -ENOENT);
     EXPECT_TRUE(driver.requests().empty());
-
     driver.control_file_missing = false;
-    driver.find("scanner1")->injected_result = -EIO;
+    driver.find("scanner2")->injected_result = -EIO;
     EXPECT_EQ(module->connect(module, &param), -EIO);
-    EXPECT_EQ(info("scanner1", record), -EIO);
+    EXPECT_EQ(info("scanner2"), -EIO);
     EXPECT_EQ(scope.closes(), 2);
     EXPECT_TRUE(log.lines().empty());
 }
@@ -130,35 +114,32 @@ TEST_F(UsbdsTest, InterfaceCountAndNamesAreTheDriversClampedToTheCallersSlots) {
     EXPECT_STREQ(slots[1], "scanner2");
     EXPECT_EQ(slots[2][0], 'x');
     EXPECT_EQ(last_request(), "get_interface_names count=2 result=40");
-
     dyp_alloc_fail_after(1);
     EXPECT_EQ(module->get_interface_names(module, &list), -ENOMEM);
     EXPECT_EQ(scope.opens(), 2);
 }
 
-TEST_F(UsbdsTest, InfoCopiesEveryFieldTheDriverReports) {
-    dypd_ds_connect_param param = connect_param("scanner1", 7);
+TEST_F(UsbdsTest, InfoCopiesEveryFieldTheDriverReportsUnlessItAnswersPositive) {
+    strcpy(param.name, "scanner1");
     ASSERT_EQ(module->connect(module, &param), 0);
-
-    dypd_ds_interface_info record;
-    EXPECT_EQ(info("scanner1", record), 0);
+    EXPECT_EQ(info("scanner1"), 0);
     EXPECT_STREQ(record.description, "Acme Scan 1");
     EXPECT_EQ(memcmp(record.host_addr, param.host_addr, sizeof record.host_addr), 0);
     EXPECT_EQ(memcmp(record.host_mac, param.host_mac, sizeof record.host_mac), 0);
     EXPECT_EQ(record.vendor_id, 0x1234);
     EXPECT_EQ(record.product_id, 0x5678);
     EXPECT_STREQ(record.location, "H112");
-    const uint8_t bytes[5] = {record.aux1, record.aux2, record.aux3, record.status_flag,
-                              record.aux5};
-    const uint8_t expected[5] = {1, 2, 3, 4, 5};
-    EXPECT_EQ(memcmp(bytes, expected, sizeof bytes), 0);
+    EXPECT_EQ(memcmp(&record.aux1, "\x01\x02\x03\x04\x05", 5), 0); // aux1-3, flag, aux5
+    driver.find("scanner1")->injected_result = 1;
+    EXPECT_EQ(info("scanner1"), 1);
+    EXPECT_STREQ(record.description, "");
+    EXPECT_EQ(record.vendor_id, 0);
 }
 
 TEST_F(UsbdsTest, DescriptionFallsBackToTheUsbIdsAndIsCutTo255) {
     const std::string long_maker(255, 'm');
     const struct {
-        const char *maker;
-        const char *product;
+        const char *maker, *product;
         std::string description;
     } cases[] = {
         {"", "", "VID [0x1234] PID [0x5678]"}, {"Acme", "", "Acme PID [0x5678]"},
@@ -168,23 +149,12 @@ TEST_F(UsbdsTest, DescriptionFallsBackToTheUsbIdsAndIsCutTo255) {
     for (const auto &c : cases) {
         driver.find("scanner2")->manufacturer = c.maker;
         driver.find("scanner2")->product = c.product;
-        dypd_ds_interface_info record;
-        ASSERT_EQ(info("scanner2", record), 0);
+        ASSERT_EQ(info("scanner2"), 0);
         EXPECT_EQ(record.description, c.description);
     }
 }
 
-TEST_F(UsbdsTest, InfoAnsweredWithAPositiveValueLeavesTheRecordAsPrepared) {
-    driver.find("scanner1")->injected_result = 1;
-    dypd_ds_interface_info record{};
-    strcpy(record.name, "scanner1");
-    strcpy(record.description, "prepared");
-    EXPECT_EQ(module->get_interface_info(module, &record), 1);
-    EXPECT_STREQ(record.description, "prepared");
-    EXPECT_EQ(record.vendor_id, 0);
-}
-
-TEST_F(UsbdsTest, KeepAlivePassesTheNamesCutToFifteenAndLogsItsFailures) {
+TEST_F(UsbdsTest, KeepAlivePassesTheNamesCutToFifteenAndLogsItsFailuresOncePerRun) {
     char slots[2][DYPD_DS_NAME_SLOT];
     strcpy(slots[0], "scanner1");
     memset(slots[1], 'k', sizeof slots[1]);
@@ -193,27 +163,21 @@ TEST_F(UsbdsTest, KeepAlivePassesTheNamesCutToFifteenAndLogsItsFailures) {
     module->keep_alive(module, &list);
     EXPECT_EQ(last_request(),
               "keep_alive count=2 reserved=0 names=scanner1,kkkkkkkkkkkkkkk result=0");
+    const std::string request = std::to_string(static_cast<int>(USBDS_IOC_KEEP_ALIVE));
     driver.find("scanner1")->injected_result = -EIO;
     module->keep_alive(module, &list);
-    EXPECT_EQ(log.count(LOG_ERR, "failed to execute IOCTL(" + KEEP_ALIVE_REQUEST + ") (err: -5)"),
-              1);
+    EXPECT_EQ(log.count(LOG_ERR, "failed to execute IOCTL(" + request + ") (err: -5)"), 1);
     dyp_alloc_fail_after(1);
     module->keep_alive(module, &list);
     dyp_alloc_fail_after(0);
-    EXPECT_EQ(log.count(LOG_ERR, "no memory for IOCTL(" + KEEP_ALIVE_REQUEST + ") request data"),
-              1);
+    EXPECT_EQ(log.count(LOG_ERR, "no memory for IOCTL(" + request + ") request data"), 1);
     EXPECT_EQ(driver.requests().size(), 2u);
 
-    // An unopenable control file is logged once per run of failures.
     const std::string open_failure = "cannot open the file, /proc/tquptp/driver (err: -2)";
-    driver.control_file_missing = true;
-    for (int i = 0; i < 3; ++i)
+    for (bool missing : {true, true, true, false, true}) {
+        driver.control_file_missing = missing;
         module->keep_alive(module, &list);
-    EXPECT_EQ(log.count(LOG_ERR, open_failure), 1);
-    driver.control_file_missing = false;
-    module->keep_alive(module, &list);
-    driver.control_file_missing = true;
-    module->keep_alive(module, &list);
+    }
     EXPECT_EQ(log.count(LOG_ERR, open_failure), 2);
     EXPECT_EQ(scope.opens(), scope.closes());
 }
