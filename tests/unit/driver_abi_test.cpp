@@ -1,62 +1,34 @@
 #include "modules/driver_abi.h"
 
-#include <cstdint>
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace {
 
-// The box's encoding: bits 29-31 direction (1 none, 2 read, 4 write,
-// 6 both), bits 16-28 size, bits 8-15 type, bits 0-7 number.
-enum mips_direction : uint32_t { MIPS_NONE = 1, MIPS_READ = 2, MIPS_WRITE = 4 };
-
-constexpr uint32_t mips_request(uint32_t direction, uint32_t number, uint32_t size) {
-    return direction << 29 | size << 16 | static_cast<uint32_t>('U') << 8 | number;
+// The number `request` has on the box, a 32-bit MIPS: direction in bits
+// 29-31 (1 none, 2 read, 4 write), record size in bits 16-28, type in bits
+// 8-15, number in bits 0-7. Its pointers are 32-bit, so a name list record
+// (count, reserved word, pointer) has 8 bytes there.
+uint32_t on_the_box(unsigned long request) {
+    uint32_t direction =
+        (_IOC_DIR(request) & _IOC_READ ? 2 : 0) | (_IOC_DIR(request) & _IOC_WRITE ? 4 : 0);
+    uint32_t size = _IOC_SIZE(request) == sizeof(usbds_name_list_record) ? 8 : _IOC_SIZE(request);
+    return (direction == 0 ? 1 : direction) << 29 | size << 16 | _IOC_TYPE(request) << 8 |
+           _IOC_NR(request);
 }
 
-// On the box pointers are 32-bit: count, reserved word, pointer.
-constexpr uint32_t NAME_LIST_SIZE_32 = 2 + 2 + 4;
-
-struct request_shape {
-    unsigned long host_request;
-    uint32_t mips_direction;
-    unsigned host_direction;
-    uint32_t number;
-    uint32_t size_32;
-    uint32_t host_size;
-    uint32_t expected_on_box;
-};
-
-const request_shape requests[] = {
-    {USBDS_IOC_CONNECT, MIPS_WRITE, _IOC_WRITE, 0xF0, sizeof(usbds_connect_record),
-     sizeof(usbds_connect_record), 0x809855F0},
-    {USBDS_IOC_DISCONNECT, MIPS_WRITE, _IOC_WRITE, 0xF1, sizeof(usbds_disconnect_record),
-     sizeof(usbds_disconnect_record), 0x809055F1},
-    {USBDS_IOC_GET_NUM_INTERFACES, MIPS_NONE, _IOC_NONE, 0xF2, 0, 0, 0x200055F2},
-    {USBDS_IOC_GET_INTERFACE_INFO, MIPS_READ | MIPS_WRITE, _IOC_READ | _IOC_WRITE, 0xF4,
-     sizeof(usbds_info_record), sizeof(usbds_info_record), 0xC2C055F4},
-    {USBDS_IOC_GET_INTERFACE_NAMES, MIPS_READ | MIPS_WRITE, _IOC_READ | _IOC_WRITE, 0xF5,
-     NAME_LIST_SIZE_32, sizeof(usbds_name_list_record), 0xC00855F5},
-    {USBDS_IOC_KEEP_ALIVE, MIPS_WRITE, _IOC_WRITE, 0xF6, NAME_LIST_SIZE_32,
-     sizeof(usbds_name_list_record), 0x800855F6},
-    {USBDS_IOC_CONNECT_EX, MIPS_WRITE, _IOC_WRITE, 0xF8, sizeof(usbds_connect_ex_record),
-     sizeof(usbds_connect_ex_record), 0x80AC55F8},
-};
-
-// The host's numbers must carry the same direction, type, number and record
-// size as the box's, whose pointers are 32-bit.
-TEST(DriverRequestNumbers, MatchTheBoxNumbersAndTheHostRecords) {
-    for (const auto &shape : requests) {
-        SCOPED_TRACE(shape.number);
-        EXPECT_EQ(mips_request(shape.mips_direction, shape.number, shape.size_32),
-                  shape.expected_on_box);
-        EXPECT_EQ(_IOC_DIR(shape.host_request), shape.host_direction);
-        EXPECT_EQ(_IOC_TYPE(shape.host_request), static_cast<unsigned>('U'));
-        EXPECT_EQ(_IOC_NR(shape.host_request), shape.number);
-        EXPECT_EQ(_IOC_SIZE(shape.host_request), shape.host_size);
-    }
-}
-
-TEST(DriverRecords, NameListRecordFollowsThePointerWidth) {
+TEST(DriverRequestNumbers, MatchTheBoxNumbersWithThirtyTwoBitPointers) {
+    const std::pair<unsigned long, uint32_t> numbers[] = {
+        {USBDS_IOC_CONNECT, 0x809855F0},
+        {USBDS_IOC_DISCONNECT, 0x809055F1},
+        {USBDS_IOC_GET_NUM_INTERFACES, 0x200055F2},
+        {USBDS_IOC_GET_INTERFACE_INFO, 0xC2C055F4},
+        {USBDS_IOC_GET_INTERFACE_NAMES, 0xC00855F5},
+        {USBDS_IOC_KEEP_ALIVE, 0x800855F6},
+        {USBDS_IOC_CONNECT_EX, 0x80AC55F8},
+    };
+    for (auto [request, number] : numbers)
+        EXPECT_EQ(on_the_box(request), number) << std::hex << number;
     EXPECT_EQ(sizeof(usbds_name_list_record), sizeof(void *) == 4 ? 8u : 16u);
 }
 
