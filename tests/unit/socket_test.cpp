@@ -7,7 +7,6 @@
 #include <net/if.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <vector>
 
 #include "lib/alloc.h"
 #include "lib/fd.h"
@@ -24,7 +23,6 @@ class UdpEndpoint : public ::testing::Test {
         socklen_t length = sizeof target;
         ASSERT_EQ(getsockname(endpoint.fd, reinterpret_cast<sockaddr *>(&target), &length), 0);
         target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        client.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     }
     void TearDown() override {
         dypd_release_socket(&endpoint);
@@ -32,13 +30,12 @@ class UdpEndpoint : public ::testing::Test {
         dyp_free(endpoint.bind_list);
     }
     void send_bytes(size_t count) {
-        std::vector<uint8_t> bytes(count, 0x5a);
-        ASSERT_EQ(sendto(client.get(), bytes.data(), count, 0,
+        ASSERT_EQ(sendto(client.get(), buffer, count, 0,
                          reinterpret_cast<const sockaddr *>(&target), sizeof target),
                   static_cast<ssize_t>(count));
     }
     int receive(int *ifindex = nullptr) {
-        return dypd_recvfrom(&endpoint, buffer, sizeof buffer, MSG_DONTWAIT, &peer, ifindex);
+        return dypd_recvfrom(&endpoint, buffer, 510, MSG_DONTWAIT, &peer, ifindex);
     }
     // Milliseconds that dypd_select waited; `result` gets what it returned.
     long timed_select(int timeout_ms, int no_retry, int *result) {
@@ -47,18 +44,15 @@ class UdpEndpoint : public ::testing::Test {
         auto start = std::chrono::steady_clock::now();
         *result = dypd_select(endpoint.fd + 1, &readset, nullptr, timeout_ms, no_retry);
         auto elapsed = std::chrono::steady_clock::now() - start;
-        return static_cast<long>(
-            std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
+        return std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
     }
 
     dypd_endpoint_header endpoint{};
     sockaddr_in target{}, peer{};
-    unique_fd client;
-    uint8_t buffer[510] = {};
+    unique_fd client{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    uint8_t buffer[600] = {};
     fd_set readset;
 };
-
-void ignore_signal(int) {}
 
 } // namespace
 
@@ -69,58 +63,47 @@ TEST(EndpointPorts, UdpEndpointTakesOnePortOthersCollectDistinctOnes) {
     EXPECT_EQ(dypd_open_socket(&udp), -EINVAL) << "no port yet";
     ASSERT_EQ(dypd_set_udp_port(&udp, 19540), 0);
     EXPECT_EQ(udp.bound_port, udp.ports);
-    EXPECT_EQ(dypd_set_udp_port(&udp, 19540), -EEXIST);
-
-    ASSERT_EQ(dypd_set_udp_port(&daemon, 1), 0);
-    ASSERT_EQ(dypd_set_udp_port(&daemon, 2), 0);
-    EXPECT_EQ(dypd_set_udp_port(&daemon, 1), 0);
+    EXPECT_EQ(dypd_set_udp_port(&udp, 19541), -EEXIST);
+    for (uint16_t port : {1, 2, 1})
+        ASSERT_EQ(dypd_set_udp_port(&daemon, port), 0);
     EXPECT_EQ(daemon.port_count, 2);
     EXPECT_EQ(daemon.bound_port, nullptr) << "no single port any more";
     dyp_alloc_fail_after(1);
     EXPECT_EQ(dypd_set_udp_port(&daemon, 3), -ENOMEM);
     dyp_alloc_fail_after(0);
     EXPECT_EQ(daemon.port_count, 2);
+    EXPECT_EQ(dypd_open_socket(&daemon), -EINVAL) << "only a UDP endpoint opens";
     dyp_free(udp.ports);
     dyp_free(daemon.ports);
 }
 
-TEST_F(UdpEndpoint, ReceivesWithSenderAndInterfaceAndAnswers) {
+// Oversized and refused datagrams are consumed, so the next read finds the next one.
+TEST_F(UdpEndpoint, ReceivesWithSenderAndInterfaceAndConsumesWhatItRefuses) {
+    send_bytes(511);
     send_bytes(510);
+    EXPECT_EQ(receive(), -EMSGSIZE);
     int ifindex = -7;
     ASSERT_EQ(receive(&ifindex), 510);
     EXPECT_EQ(ifindex, static_cast<int>(if_nametoindex("lo")));
     EXPECT_EQ(peer.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
-
-    const uint8_t reply[3] = {1, 2, 3};
-    EXPECT_EQ(dypd_sendto(&endpoint, reply, sizeof reply, 0, &peer), 3);
+    EXPECT_EQ(dypd_sendto(&endpoint, buffer, 3, 0, &peer), 3);
     EXPECT_EQ(recv(client.get(), buffer, sizeof buffer, 0), 3) << "the sender got the answer";
-    EXPECT_EQ(dypd_sendto(&endpoint, nullptr, 1, 0, &peer), -EINVAL);
-
-    EXPECT_EQ(dypd_open_socket(&endpoint), -EINVAL) << "opened once";
-    EXPECT_EQ(dypd_udp_recvfrom(&endpoint, buffer, 1, 0, nullptr, nullptr), -EINVAL);
-    dypd_release_socket(&endpoint);
-    EXPECT_EQ(endpoint.fd, -1);
-    EXPECT_EQ(receive(), -EINVAL) << "only an open endpoint is read";
-}
-
-// Every refused datagram is consumed, so the next read finds the queue empty.
-TEST_F(UdpEndpoint, OversizedRefusedAndUnattributedDatagramsAreConsumed) {
-    send_bytes(511);
-    send_bytes(0);
-    EXPECT_EQ(receive(), -EMSGSIZE);
-    EXPECT_EQ(receive(), 0) << "the next datagram follows, an empty one";
 
     ASSERT_EQ(dypd_set_bind_interface(&endpoint, "!lo"), 0);
     send_bytes(200);
-    int ifindex = -7;
+    ifindex = -7;
     EXPECT_EQ(receive(&ifindex), -EBADMSG);
     EXPECT_EQ(ifindex, -7) << "no interface is named for a refused datagram";
-
     int off = 0;
     ASSERT_EQ(setsockopt(endpoint.fd, IPPROTO_IP, IP_PKTINFO, &off, sizeof off), 0);
     send_bytes(20);
     EXPECT_EQ(receive(), -EINVAL) << "no packet information";
     EXPECT_EQ(receive(), -EAGAIN);
+
+    EXPECT_EQ(dypd_open_socket(&endpoint), -EINVAL) << "opened once";
+    dypd_release_socket(&endpoint);
+    EXPECT_EQ(endpoint.fd, -1);
+    EXPECT_EQ(receive(), -EINVAL) << "only an open endpoint is read";
 }
 
 // A signal during the wait ends it only in the main loop's mode (no retry).
@@ -136,10 +119,9 @@ TEST_F(UdpEndpoint, SelectWaitsMillisecondsAndRetriesAfterASignalOnRequest) {
 
     struct sigaction action {
     }, saved{};
-    action.sa_handler = ignore_signal; // no SA_RESTART: select is interrupted
+    action.sa_handler = +[](int) {}; // no SA_RESTART: select is interrupted
     ASSERT_EQ(sigaction(SIGALRM, &action, &saved), 0);
-    itimerval timer{};
-    timer.it_value.tv_usec = 20000;
+    const itimerval timer{{0, 0}, {0, 20000}};
     ASSERT_EQ(setitimer(ITIMER_REAL, &timer, nullptr), 0);
     (void)timed_select(-1, 1, &result);
     EXPECT_EQ(result, -EINTR);
