@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include "ds/ska.h"
 #include "lib/be.h"
 #include "protocol/packet.h"
 
@@ -31,14 +30,13 @@ void fill_info(const fake_interface &iface, dypd_ds_interface_info *info) {
     std::memset(info->description, iface.raw_description ? 'D' : 0, sizeof info->description);
     if (!iface.raw_description)
         std::strncpy(info->description, iface.description.c_str(), sizeof info->description - 1);
-    std::memset(info->host_addr, 0, sizeof info->host_addr);
-    std::memcpy(info->host_addr + 4, iface.ipv4, 4);
-    std::memcpy(info->host_mac, iface.host_mac, 6);
+    std::memcpy(info->host_addr, "\0\0\0\0\xC0\x00\x02\x07", 8);
+    std::memcpy(info->host_mac, "\x02\x00\x00\x00\x00\x07", 6);
     info->vendor_id = iface.vendor_id;
-    info->product_id = iface.product_id;
+    info->product_id = 0x0142;
     std::strncpy(info->location, iface.location.c_str(), sizeof info->location);
-    info->aux1 = iface.aux1;
-    info->aux2 = iface.aux2;
+    info->aux1 = 0x5a;
+    info->aux2 = 0xa5;
     info->status_flag = iface.status_flag;
 }
 
@@ -77,14 +75,6 @@ void fake_keep_alive(dypd_ds_module *module, const dypd_ds_name_list *list) {
     fakes.at(module)->keep_alive_calls.push_back(names);
 }
 
-sockaddr_in ipv4(uint32_t address, uint16_t port) {
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_port = htons(port);
-    sin.sin_addr.s_addr = htonl(address);
-    return sin;
-}
-
 } // namespace
 
 fake_module::fake_module(const char *name)
@@ -109,14 +99,7 @@ std::vector<uint8_t> make_request(const std::string &name, const std::string &da
 
 int ska_namespace_test::udp_socket(uint16_t port, bool any) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in local = ipv4(any ? INADDR_ANY : INADDR_LOOPBACK, port);
+    sockaddr_in local{AF_INET, htons(port), {htonl(any ? INADDR_ANY : INADDR_LOOPBACK)}, {}};
     EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local), 0);
     return fd;
-}
-
-void ska_namespace_test::send_to_ska(int client, const std::vector<uint8_t> &packet) {
-    sockaddr_in ska = ipv4(INADDR_LOOPBACK, SKA_PORT);
-    ASSERT_EQ(sendto(client, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&ska),
-                     sizeof ska),
-              static_cast<ssize_t>(packet.size()));
 }

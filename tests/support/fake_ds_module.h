@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,12 +27,12 @@ struct fake_interface {
     std::string name;
     int info_result = 0; // get_interface_info's answer for this name
     std::string description = "Scanner";
-    uint8_t ipv4[4] = {192, 0, 2, 7};
-    uint8_t host_mac[6] = {2, 0, 0, 0, 0, 7};
-    uint16_t vendor_id = 0x04b8, product_id = 0x0142;
+    uint16_t vendor_id = 0x04b8;
     std::string location = "H12";
-    uint8_t aux1 = 0, aux2 = 0, status_flag = 0;
+    uint8_t status_flag = 0;
     bool raw_description = false; // all 256 bytes 'D', no NUL
+    // Fixed: holder 192.0.2.7 with MAC 02:00:00:00:00:07, product 0x0142,
+    // aux1 0x5a, aux2 0xa5.
 };
 
 // Names it does not know are answered with -ENODEV.
@@ -42,7 +41,6 @@ class fake_module {
     explicit fake_module(const char *name);
     ~fake_module();
     fake_module(const fake_module &) = delete;
-    fake_module &operator=(const fake_module &) = delete;
     // The record itself: tests clear operation slots through it.
     dypd_ds_module *get() { return &module_; }
 
@@ -96,15 +94,14 @@ class ska_namespace_test : public ::testing::Test {
   protected:
     void SetUp() override {
         DYP_REQUIRE_ROOT();
-        ns_ = std::make_unique<entered_netns>("ska", "true");
+        ns_.emplace("ska", "true");
         ASSERT_TRUE(ns_->ok());
     }
     void TearDown() override { ns_.reset(); }
-    // A UDP socket bound to `port` (0: any) on loopback, or on every
+    // A UDP socket bound to `port` (0: any free one) on loopback, or on every
     // address when `any`; the caller closes it.
     static int udp_socket(uint16_t port = 0, bool any = false);
-    static void send_to_ska(int client, const std::vector<uint8_t> &packet);
 
   private:
-    std::unique_ptr<entered_netns> ns_;
+    std::optional<entered_netns> ns_;
 };

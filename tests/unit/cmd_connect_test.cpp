@@ -12,23 +12,28 @@ std::string params(const std::string &ifname = "usb1", const std::string &port =
            options;
 }
 
-uint16_t port_of(const uint8_t *host_addr) {
-    return static_cast<uint16_t>(host_addr[2] << 8 | host_addr[3]);
+// The socket address of 192.0.2.9 with the port bytes `port`, as modules get it.
+std::string host_addr(const char *port) {
+    const uint16_t family = AF_INET;
+    return std::string(reinterpret_cast<const char *>(&family), 2) + port + "\xC0\x00\x02\x09"s +
+           std::string(120, '\0');
+}
+
+std::string text(const uint8_t *bytes, size_t size) {
+    return std::string(reinterpret_cast<const char *>(bytes), size);
 }
 
 class ScannerConnect : public ::testing::Test {
   protected:
-    std::string run(dypcmd_handler handler, const std::vector<uint8_t> &request) {
-        int32_t n = handler(&session, request.data(), out, sizeof out);
-        return std::string(reinterpret_cast<char *>(out), std::max(n, 0));
-    }
-    std::string connect(const std::string &block = params()) {
-        return run(dypcmd_exec_scanner_connect, make_request("EXEC SCANNER CONNECT" + block));
-    }
-    std::string disconnect(const std::string &block = params()) {
-        return run(dypcmd_exec_scanner_disconnect, make_request("EXEC SCANNER DISCONNECT" + block));
+    std::string run(const std::string &command, const std::string &block = params()) {
+        auto request = make_request(command + block);
+        int32_t n = (command == "EXEC SCANNER CONNECT" ? dypcmd_exec_scanner_connect
+                                                       : dypcmd_exec_scanner_disconnect)(
+            &session, request.data(), out, sizeof out);
+        return text(out, std::max(n, 0));
     }
 
+    const std::string CONNECT = "EXEC SCANNER CONNECT", DISCONNECT = "EXEC SCANNER DISCONNECT";
     const std::string OK = "OK\0"s, NG = "NG\0"s;
     dypd_session session{nullptr, 0, nullptr, nullptr, 1}; // ifindex 1: loopback
     uint8_t out[64] = {};
@@ -38,21 +43,18 @@ class ScannerConnect : public ::testing::Test {
 TEST_F(ScannerConnect, MalformedParametersAnswerNGWithoutAskingAModule) {
     first.interfaces.push_back({"usb1"});
     module_list_scope list({&first});
+    const std::string bad_blocks[] = {"", params("usb1", "\0\0"s, 0, "\x02\x06"),
+                                      params("usb1", "\0\0"s, 0, "\x01\x04")};
+    for (const std::string &block : bad_blocks) {
+        EXPECT_EQ(run(CONNECT, block), NG) << block.size();
+        EXPECT_EQ(run(DISCONNECT, block), NG) << block.size();
+    }
     // A parameter block running into non-NUL garbage up to the packet end.
     std::vector<uint8_t> garbage(510, 'x');
     memcpy(garbage.data() + 4, (std::string(76, 'A') + ":\x01\x06").data(), 79);
     garbage[83] = 0; // the request handler always ends the name field
-    const struct {
-        const char *name;
-        std::string block;
-    } cases[] = {{"no parameters", ""},
-                 {"format 2", params("usb1", "\0\0"s, 0, "\x02\x06")},
-                 {"address length 4", params("usb1", "\0\0"s, 0, "\x01\x04")}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(connect(c.block), NG) << c.name;
-        EXPECT_EQ(disconnect(c.block), NG) << c.name;
-    }
-    EXPECT_EQ(run(dypcmd_exec_scanner_connect, garbage), NG);
+    EXPECT_EQ(dypcmd_exec_scanner_connect(&session, garbage.data(), out, sizeof out), 3);
+    EXPECT_EQ(text(out, 3), NG);
     EXPECT_EQ(first.info_calls, 0);
     EXPECT_TRUE(first.disconnect_calls.empty());
 }
@@ -60,29 +62,24 @@ TEST_F(ScannerConnect, MalformedParametersAnswerNGWithoutAskingAModule) {
 TEST_F(ScannerConnect, TheExtendedRecordOrElseThePlainOneCarriesTheRequest) {
     first.interfaces.push_back({"abcdefghijklmno"});
     module_list_scope list({&first});
-    ASSERT_EQ(connect(params("abcdefghijklmnopqrst", "\0\0"s, 0x03)), OK); // name cut to 15
-    ASSERT_EQ(first.connect_ex_calls.size(), 1u);
-    const dypd_ds_connect_param_ex &p = first.connect_ex_calls[0];
+    ASSERT_EQ(run(CONNECT, params("abcdefghijklmnopqrst", "\0\0"s, 0x03)), OK); // cut to 15
+    ASSERT_EQ(run(CONNECT, params("abcdefghijklmno", "\x13\x88", 0x02)), OK);
+    const dypd_ds_connect_param_ex &p = first.connect_ex_calls.at(0);
     EXPECT_EQ(p.size, 172u);
     EXPECT_STREQ(p.name, "abcdefghijklmno");
-    uint16_t family;
-    memcpy(&family, p.host_addr, 2);
-    EXPECT_EQ(family, AF_INET);
-    EXPECT_EQ(port_of(p.host_addr), 19540); // zero port bytes stand for 19540
-    EXPECT_EQ(0, memcmp(p.host_addr + 4, "\xC0\x00\x02\x09", 4));
-    EXPECT_EQ(0, memcmp(p.host_mac, "\x02\x11\x22\x33\x44\x55", 6));
+    EXPECT_EQ(text(p.host_addr, 128), host_addr("\x4c\x54")); // zero port bytes: 19540
+    EXPECT_EQ(text(p.host_mac, 6), "\x02\x11\x22\x33\x44\x55");
     EXPECT_EQ(p.opt_b1, 1);
     EXPECT_EQ(p.opts, 0x03);
     EXPECT_STREQ(p.ifname, "lo");
-    ASSERT_EQ(connect(params("abcdefghijklmno", "\x13\x88", 0x03)), OK);
-    EXPECT_EQ(port_of(first.connect_ex_calls.at(1).host_addr), 5000);
-
+    EXPECT_EQ(text(first.connect_ex_calls.at(1).host_addr, 128), host_addr("\x13\x88"));
     first.get()->connect_ex = nullptr;
-    ASSERT_EQ(connect(params("abcdefghijklmno", "\0\0"s, 0x03)), OK);
-    ASSERT_EQ(first.connect_calls.size(), 1u);
-    EXPECT_EQ(first.connect_calls[0].opt_b1, 1);
-    EXPECT_EQ(first.connect_calls[0].opt_b0, 1);
-    EXPECT_EQ(0, memcmp(first.connect_calls[0].host_mac, p.host_mac, 6));
+    ASSERT_EQ(run(CONNECT, params("abcdefghijklmno", "\0\0"s, 0x01)), OK);
+    const dypd_ds_connect_param &plain = first.connect_calls.at(0);
+    EXPECT_EQ(text(plain.host_addr, 128), host_addr("\x4c\x54"));
+    EXPECT_EQ(text(plain.host_mac, 6), "\x02\x11\x22\x33\x44\x55");
+    EXPECT_EQ(plain.opt_b1, 0);
+    EXPECT_EQ(plain.opt_b0, 1);
 }
 
 TEST_F(ScannerConnect, TheFirstModuleServingTheInterfaceDecides) {
@@ -92,7 +89,7 @@ TEST_F(ScannerConnect, TheFirstModuleServingTheInterfaceDecides) {
     module_list_scope list({&first, &second});
     log_capture log;
     session.ifindex = 99999; // a local interface without a name
-    EXPECT_EQ(connect(), NG);
+    EXPECT_EQ(run(CONNECT), NG);
     EXPECT_TRUE(first.connect_ex_calls.empty());
     EXPECT_STREQ(second.connect_ex_calls.at(0).ifname, "");
     EXPECT_EQ(log.count(LOG_WARNING, "no interface #99999\n"), 1);
@@ -100,38 +97,35 @@ TEST_F(ScannerConnect, TheFirstModuleServingTheInterfaceDecides) {
     session.ifindex = 1;
     log.clear();
     first.interfaces[0].info_result = -EIO;
-    EXPECT_EQ(connect(), NG);
+    EXPECT_EQ(run(CONNECT), NG);
     EXPECT_EQ(log.count(LOG_ERR, "cannot get an interface info module first (err: -5)"), 1);
     first.interfaces[0].info_result = -ENOENT;
-    EXPECT_EQ(connect(), NG);
+    EXPECT_EQ(run(CONNECT), NG);
     dyp_alloc_fail_after(1);
-    EXPECT_EQ(connect(), NG);
+    EXPECT_EQ(run(CONNECT), NG);
     dyp_alloc_fail_after(0);
     EXPECT_EQ(log.lines().size(), 1u);
     EXPECT_EQ(second.connect_ex_calls.size(), 1u); // never reached again
 }
 
-TEST_F(ScannerConnect, DisconnectTriesEveryModuleAndAnswersWithTheLastResult) {
+TEST_F(ScannerConnect, DisconnectTriesModulesUntilOneSucceeds) {
     first.disconnect_result = -EIO;
-    {
-        module_list_scope list({&first, &second});
-        log_capture log;
-        EXPECT_EQ(disconnect(params("usb1", "\x13\x88")), OK);
-        EXPECT_EQ(log.count(LOG_ERR, "cannot disconnect an interface usb1 module first (err: -5)"),
-                  1);
-        EXPECT_EQ(log.lines().size(), 1u);
-        EXPECT_STREQ(second.disconnect_calls.at(0).name, "usb1");
-        EXPECT_EQ(port_of(second.disconnect_calls[0].host_addr), 19540); // never the requested
-    }
-    first.disconnect_result = -ENODEV;
-    second.disconnect_result = -EIO;
-    {
-        module_list_scope list({&second, &first}); // the quiet -ENODEV comes last
-        EXPECT_EQ(disconnect(), NG);
-    }
-    second.get()->disconnect = first.get()->disconnect = nullptr;
     module_list_scope list({&first, &second});
-    EXPECT_EQ(disconnect(), NG);
+    log_capture log;
+    EXPECT_EQ(run(DISCONNECT, params("usb1", "\x13\x88")), OK);
+    EXPECT_EQ(log.count(LOG_ERR, "cannot disconnect an interface usb1 module first (err: -5)"), 1);
+    EXPECT_STREQ(second.disconnect_calls.at(0).name, "usb1");
+    // Never the requested port.
+    EXPECT_EQ(text(second.disconnect_calls[0].host_addr, 128), host_addr("\x4c\x54"));
+    first.disconnect_result = -ENODEV; // quiet
+    second.disconnect_result = -EIO;
+    EXPECT_EQ(run(DISCONNECT), NG);
+    EXPECT_EQ(log.lines().size(), 2u);
+    first.disconnect_result = 0;
+    EXPECT_EQ(run(DISCONNECT), OK);
+    EXPECT_EQ(second.disconnect_calls.size(), 2u);
+    second.get()->disconnect = first.get()->disconnect = nullptr;
+    EXPECT_EQ(run(DISCONNECT), NG);
 }
 
 } // namespace

@@ -1,13 +1,10 @@
-#include <net/if.h>
-
-#include "lib/be.h"
 #include "support/fake_ds_module.h"
 
 namespace {
 
 class ScannerCommands : public ::testing::Test {
   protected:
-    // Runs `handler` on a request named `name` with `data`; the reply as text.
+    // Runs `handler` on a request named `name` with `data`; the reply bytes.
     std::string run(dypcmd_handler handler, const std::string &name, const std::string &data = {},
                     uint32_t capacity = sizeof out) {
         auto request = make_request(name, data);
@@ -18,10 +15,9 @@ class ScannerCommands : public ::testing::Test {
     std::string status(const std::string &name) {
         return run(dypcmd_get_scanner_status, "GET SCANNER_STATUS" + name);
     }
-    // "GET USB_PORT_NAME" for an Epson 0x0142 at `location`.
-    std::string port_of(const std::string &location, uint16_t vendor = 0x04b8) {
-        std::string data = {char(vendor >> 8), char(vendor & 0xff), 0x01, 0x42};
-        return run(dypcmd_get_usb_port_name, "GET USB_PORT_NAME", data + location);
+    // "GET USB_PORT_NAME" for the product 0x0142 of `vendor` at `location`.
+    std::string port_at(const std::string &location, const std::string &vendor = "\x04\xb8") {
+        return run(dypcmd_get_usb_port_name, "GET USB_PORT_NAME", vendor + "\x01\x42" + location);
     }
 
     identity_scope identity;
@@ -48,13 +44,13 @@ TEST_F(ScannerCommands, StatusHolderComesFromTheFirstModuleKnowingTheCutName) {
     fake_interface iface{"abcdefghijklmno"};
     iface.status_flag = 1;
     iface.description = std::string(100, 'x');
-    second.interfaces.push_back(iface);
     first.interfaces.push_back({"abcdefghijklmno", -EIO});
+    second.interfaces.push_back(iface);
     module_list_scope list({&first, &second});
     log_capture log;
-    std::string reply = status(":abcdefghijklmnopqrst");
-    EXPECT_EQ(reply, "\x84\x93\xC0\x00\x02\x07\x02\x00\x00\x00\x00\x07"s + std::string(6, '\0') +
-                         std::string(63, 'x') + '\0');
+    EXPECT_EQ(status(":abcdefghijklmnopqrst"), "\x84\x93\xC0\x00\x02\x07\x02\x00\x00\x00\x00\x07"s +
+                                                   std::string(6, '\0') + std::string(63, 'x') +
+                                                   '\0');
     EXPECT_EQ(log.count(LOG_ERR, "cannot get information of the interface abcdefghijklmno "
                                  "module first (err: -5)"),
               1);
@@ -62,28 +58,16 @@ TEST_F(ScannerCommands, StatusHolderComesFromTheFirstModuleKnowingTheCutName) {
     EXPECT_EQ(status(":abcdefghijklmno").substr(0, 2), "\x80\x93");
 }
 
-TEST_F(ScannerCommands, StatusCarriesTheMacOfTheReceivingInterface) {
-    DYP_REQUIRE_ROOT();
-    entered_netns ns("st", "ip link add d0 type veth peer name d1 && "
-                           "ip link set d0 address 02:aa:bb:cc:dd:ee");
-    ASSERT_TRUE(ns.ok());
-    session.ifindex = static_cast<int32_t>(if_nametoindex("d0"));
-    module_list_scope list;
-    EXPECT_EQ(status(":usb1").substr(12, 6), "\x02\xaa\xbb\xcc\xdd\xee");
-}
-
-TEST_F(ScannerCommands, PortNamesAreAllListedAndCountedModulo256) {
+TEST_F(ScannerCommands, PortNamesAreAllListedCountedModulo256AndDroppedPerModule) {
     for (int i = 0; i < 300; ++i)
         first.interfaces.push_back({"n" + std::to_string(i)});
-    module_list_scope list({&first});
-    std::string reply = run(dypcmd_get_scanner_port_name, "GET SCANNER PORT_NAME");
-    EXPECT_EQ(reply[0], 44);
-    EXPECT_EQ(first.names_asked, std::vector<uint16_t>{300});
-    EXPECT_EQ(std::count(reply.begin(), reply.end(), '\0'), 300);
-    EXPECT_EQ(reply.substr(reply.size() - 5), "n299\0"s);
-}
-
-TEST_F(ScannerCommands, PortNamesOfFailingOrOverflowingModulesAreDropped) {
+    {
+        module_list_scope list({&first});
+        std::string reply = run(dypcmd_get_scanner_port_name, "GET SCANNER PORT_NAME");
+        EXPECT_EQ(reply[0], 44);
+        EXPECT_EQ(std::count(reply.begin(), reply.end(), '\0'), 300);
+        EXPECT_EQ(reply.substr(reply.size() - 5), "n299\0"s);
+    }
     fake_module third("third");
     first.interfaces = {{std::string(16, 'z')}}; // unterminated: cut at its slot
     second.interfaces = {{"c"}};
@@ -105,15 +89,14 @@ TEST_F(ScannerCommands, UsbPortNameTakesTheFirstLocationMatchAndAnswersZeroOther
     second.interfaces = {other, wanted, twin};
     module_list_scope list({&first, &second});
     log_capture log;
-    EXPECT_EQ(port_of("H12\0junk"s), "\x01usb3\0"s);
+    EXPECT_EQ(port_at("H12\0junk"s), "\x01usb3\0"s);
     EXPECT_EQ(first.info_calls, 1);
     EXPECT_EQ(log.count(LOG_ERR, "cannot get an interface info module first (err: -5)"), 1);
     // usb3 matches the location first, so usb4's ids are never compared.
-    EXPECT_EQ(port_of("H12", 0x1111), std::string(1, '\0'));
-    EXPECT_EQ(port_of("S1"), std::string(1, '\0'));
-    EXPECT_EQ(port_of(std::string(20, 'H')), std::string(1, '\0'));
+    for (const std::string &miss : {port_at("H12", "\x11\x11"), port_at("S1"), port_at("H123")})
+        EXPECT_EQ(miss, "\0"s);
     dyp_alloc_fail_after(1);
-    EXPECT_EQ(port_of("H12"), std::string(1, '\0'));
+    EXPECT_EQ(port_at("H12"), "\0"s);
     dyp_alloc_fail_after(0);
 }
 
