@@ -8,8 +8,6 @@
 #include "dypclient.h"
 #include "support/sim_testbed.h"
 
-namespace {
-
 const dyp::endpoint BOX = dyp::parse_endpoint("192.0.2.1", dyp::DEFAULT_PORT);
 
 class DaemonSimTest : public ::testing::Test {
@@ -105,5 +103,3 @@ TEST_F(DaemonSimTest, ConnectDisconnectAndKeepAliveReachTheDriverWithTheHostsRec
     EXPECT_TRUE(driver_received("keep_alive count=2 reserved=0 names=scanner1,a-name-of-twent "
                                 "result=0"));
 }
-
-} // namespace

@@ -97,6 +97,13 @@ std::vector<uint8_t> make_request(const std::string &name, const std::string &da
     return packet;
 }
 
+std::string run_command(dypcmd_handler handler, dypd_session *session, const std::string &name,
+                        const std::string &data, uint32_t capacity) {
+    std::vector<uint8_t> request = make_request(name, data), out(capacity);
+    int32_t n = handler(session, request.data(), out.data(), capacity);
+    return std::string(out.begin(), out.begin() + std::max(n, 0));
+}
+
 int ska_namespace_test::udp_socket(uint16_t port, bool any) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in local{AF_INET, htons(port), {htonl(any ? INADDR_ANY : INADDR_LOOPBACK)}, {}};

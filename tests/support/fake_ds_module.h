@@ -87,6 +87,10 @@ struct identity_scope {
 // A 510-byte START request: `name` (binary bytes allowed) in the name field
 // with its last byte forced to NUL, `data` in the data field.
 std::vector<uint8_t> make_request(const std::string &name, const std::string &data = {});
+// Runs `handler` on such a request with an output buffer of `capacity`;
+// the reply's bytes (none on failure).
+std::string run_command(dypcmd_handler handler, dypd_session *session, const std::string &name,
+                        const std::string &data = {}, uint32_t capacity = 65536);
 
 // SKA binds a fixed port: each test runs in a network namespace of its own
 // where the port is surely free. Skips when not root.

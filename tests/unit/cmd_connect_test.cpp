@@ -2,41 +2,36 @@
 
 #include "support/fake_ds_module.h"
 
-namespace {
-
 // The parameter block after the ':': format 1, MAC length 6, MAC, IPv4,
 // interface name, port (network order), options.
-std::string params(const std::string &ifname = "usb1", const std::string &port = "\0\0"s,
-                   char options = 0, const std::string &head = "\x01\x06"s) {
+static std::string params(const std::string &ifname = "usb1", const std::string &port = "\0\0"s,
+                          char options = 0, const std::string &head = "\x01\x06"s) {
     return ":" + head + "\x02\x11\x22\x33\x44\x55\xC0\x00\x02\x09"s + ifname + '\0' + port +
            options;
 }
 
 // The socket address of 192.0.2.9 with the port bytes `port`, as modules get it.
-std::string host_addr(const char *port) {
+static std::string host_addr(const char *port) {
     const uint16_t family = AF_INET;
     return std::string(reinterpret_cast<const char *>(&family), 2) + port + "\xC0\x00\x02\x09"s +
            std::string(120, '\0');
 }
 
-std::string text(const uint8_t *bytes, size_t size) {
+static std::string text(const uint8_t *bytes, size_t size) {
     return std::string(reinterpret_cast<const char *>(bytes), size);
 }
 
 class ScannerConnect : public ::testing::Test {
   protected:
     std::string run(const std::string &command, const std::string &block = params()) {
-        auto request = make_request(command + block);
-        int32_t n = (command == "EXEC SCANNER CONNECT" ? dypcmd_exec_scanner_connect
-                                                       : dypcmd_exec_scanner_disconnect)(
-            &session, request.data(), out, sizeof out);
-        return text(out, std::max(n, 0));
+        return run_command(command == CONNECT ? dypcmd_exec_scanner_connect
+                                              : dypcmd_exec_scanner_disconnect,
+                           &session, command + block);
     }
 
     const std::string CONNECT = "EXEC SCANNER CONNECT", DISCONNECT = "EXEC SCANNER DISCONNECT";
     const std::string OK = "OK\0"s, NG = "NG\0"s;
     dypd_session session{nullptr, 0, nullptr, nullptr, 1}; // ifindex 1: loopback
-    uint8_t out[64] = {};
     fake_module first{"first"}, second{"second"};
 };
 
@@ -53,6 +48,7 @@ TEST_F(ScannerConnect, MalformedParametersAnswerNGWithoutAskingAModule) {
     std::vector<uint8_t> garbage(510, 'x');
     memcpy(garbage.data() + 4, (std::string(76, 'A') + ":\x01\x06").data(), 79);
     garbage[83] = 0; // the request handler always ends the name field
+    uint8_t out[3];
     EXPECT_EQ(dypcmd_exec_scanner_connect(&session, garbage.data(), out, sizeof out), 3);
     EXPECT_EQ(text(out, 3), NG);
     EXPECT_EQ(first.info_calls, 0);
@@ -127,5 +123,3 @@ TEST_F(ScannerConnect, DisconnectTriesModulesUntilOneSucceeds) {
     second.get()->disconnect = first.get()->disconnect = nullptr;
     EXPECT_EQ(run(DISCONNECT), NG);
 }
-
-} // namespace

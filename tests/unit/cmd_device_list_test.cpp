@@ -1,12 +1,10 @@
 #include "ds/serial.h"
 #include "support/fake_ds_module.h"
 
-namespace {
-
 // One entry of a fake interface at H12; the extended form holds two zero
 // bytes after the status word, and the serial.
-std::string entry(const std::string &name, const std::string &description = "Scanner",
-                  const char *status = "\x81\x83", const std::string &ex_serial = {}) {
+static std::string entry(const std::string &name, const std::string &description = "Scanner",
+                         const char *status = "\x81\x83", const std::string &ex_serial = {}) {
     std::string ids = "\x04\xb8\x01\x42H12"s + std::string(13, '\0') + "\x5a\xa5";
     return name + '\0' + description + '\0' + "\xC0\x00\x02\x07"s + status +
            (ex_serial.empty() ? "" : "\0\0"s) + ids + ex_serial + std::string(4, '\0');
@@ -14,12 +12,10 @@ std::string entry(const std::string &name, const std::string &description = "Sca
 
 class DeviceList : public ::testing::Test {
   protected:
-    std::string fetch(bool ex = false, uint32_t capacity = sizeof out) {
-        auto request = make_request(ex ? "GET USB_DEVICE_LIST_EX" : "GET USB_DEVICE_LIST");
-        int32_t n = (ex ? dypcmd_get_usb_device_list_ex
-                        : dypcmd_get_usb_device_list)(&session, request.data(), out, capacity);
-        EXPECT_GE(n, 1);
-        return std::string(reinterpret_cast<char *>(out), std::max(n, 0));
+    std::string fetch(bool ex = false, uint32_t capacity = 65536) {
+        return run_command(ex ? dypcmd_get_usb_device_list_ex : dypcmd_get_usb_device_list,
+                           &session, ex ? "GET USB_DEVICE_LIST_EX" : "GET USB_DEVICE_LIST", {},
+                           capacity);
     }
     static void add(fake_module &module, int n, const std::string &prefix) {
         for (int i = 0; i < n; ++i)
@@ -28,7 +24,6 @@ class DeviceList : public ::testing::Test {
 
     identity_scope identity{0x0100};
     dypd_session session{};
-    uint8_t out[65536] = {};
     fake_module first{"first"}, second{"second"}, third{"third"};
 };
 
@@ -83,6 +78,7 @@ TEST_F(DeviceList, AFullOutputBufferRollsTheModuleBackAndNoMemoryIsENOMEM) {
     EXPECT_EQ(fetch(false, 1 + 43 + 50), "\x01" + entry("a0"));
     dyp_alloc_fail_after(1);
     auto request = make_request("GET USB_DEVICE_LIST");
+    uint8_t out[256];
     EXPECT_EQ(dypcmd_get_usb_device_list(&session, request.data(), out, sizeof out), -ENOMEM);
     dyp_alloc_fail_after(0);
 }
@@ -98,5 +94,3 @@ TEST_F(DeviceList, ExEntriesCarryTheSerialAndABadLookupDropsTheModule) {
     EXPECT_EQ(log.count(LOG_INFO, " unknown location (X1-2)\n"), 1);
     dypd_ds_set_sysfs_root(nullptr);
 }
-
-} // namespace

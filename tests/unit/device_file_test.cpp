@@ -6,8 +6,6 @@
 #include <string>
 #include <unistd.h>
 
-namespace {
-
 TEST(DeviceFile, DriverSettingsComeFirstAndMalformedValuesOrMissingFilesAreRefused) {
     // Per process, so that test processes running side by side never meet.
     const std::string path = "/tmp/dypsim-devices-" + std::to_string(getpid()) + ".ini";
@@ -28,5 +26,3 @@ TEST(DeviceFile, DriverSettingsComeFirstAndMalformedValuesOrMissingFilesAreRefus
     EXPECT_EQ(sim_load_devices("/nonexistent/devices.ini", driver, error), -EIO);
     unlink(path.c_str());
 }
-
-} // namespace

@@ -3,13 +3,11 @@
 #include <gtest/gtest.h>
 #include <utility>
 
-namespace {
-
 // The number `request` has on the box, a 32-bit MIPS: direction in bits
 // 29-31 (1 none, 2 read, 4 write), record size in bits 16-28, type in bits
 // 8-15, number in bits 0-7. Its pointers are 32-bit, so a name list record
 // (count, reserved word, pointer) has 8 bytes there.
-uint32_t on_the_box(unsigned long request) {
+static uint32_t on_the_box(unsigned long request) {
     uint32_t direction =
         (_IOC_DIR(request) & _IOC_READ ? 2 : 0) | (_IOC_DIR(request) & _IOC_WRITE ? 4 : 0);
     uint32_t size = _IOC_SIZE(request) == sizeof(usbds_name_list_record) ? 8 : _IOC_SIZE(request);
@@ -31,5 +29,3 @@ TEST(DriverRequestNumbers, MatchTheBoxNumbersWithThirtyTwoBitPointers) {
         EXPECT_EQ(on_the_box(request), number) << std::hex << number;
     EXPECT_EQ(sizeof(usbds_name_list_record), sizeof(void *) == 4 ? 8u : 16u);
 }
-
-} // namespace

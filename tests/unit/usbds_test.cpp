@@ -7,8 +7,6 @@
 #include "sim_seam.h"
 #include "support/fake_ds_module.h"
 
-namespace {
-
 class UsbdsTest : public ::testing::Test {
   protected:
     UsbdsTest() {
@@ -61,17 +59,6 @@ TEST_F(UsbdsTest, ConnectRequestsCarryTheCallersRecordThroughAFreshDescriptor) {
     EXPECT_EQ(scope.closes(), 3);
 }
 
-TEST_F(UsbdsTest, FailuresOfOpenAndDriverArePassedOnQuietly) {
-    log_capture log;
-    driver.control_file_missing = true;
-    EXPECT_EQ(module->get_num_interfaces(module), -ENOENT);
-    driver.control_file_missing = false;
-    driver.find("scanner2")->injected_result = -EIO;
-    EXPECT_EQ(module->connect(module, &param), -EIO);
-    EXPECT_EQ(scope.opens(), scope.closes());
-    EXPECT_TRUE(log.lines().empty());
-}
-
 TEST_F(UsbdsTest, InterfaceCountAndNamesAreTheDriversClampedToTheCallersSlots) {
     driver.forced_count = 40; // a driver claiming more names than slots
     EXPECT_EQ(module->get_num_interfaces(module), 40);
@@ -88,7 +75,7 @@ TEST_F(UsbdsTest, InterfaceCountAndNamesAreTheDriversClampedToTheCallersSlots) {
     EXPECT_EQ(scope.opens(), 2);
 }
 
-TEST_F(UsbdsTest, InfoCopiesEveryFieldTheDriverReportsUnlessItAnswersPositive) {
+TEST_F(UsbdsTest, InfoCopiesEveryFieldTheDriverReports) {
     strcpy(param.name, "scanner1");
     ASSERT_EQ(module->connect(module, &param), 0);
     EXPECT_EQ(info("scanner1"), 0);
@@ -99,10 +86,6 @@ TEST_F(UsbdsTest, InfoCopiesEveryFieldTheDriverReportsUnlessItAnswersPositive) {
     EXPECT_EQ(record.product_id, 0x5678);
     EXPECT_STREQ(record.location, "H112");
     EXPECT_EQ(memcmp(&record.aux1, "\x01\x02\x03\x04\x05", 5), 0); // aux1-3, flag, aux5
-    driver.find("scanner1")->injected_result = 1;
-    EXPECT_EQ(info("scanner1"), 1);
-    EXPECT_STREQ(record.description, "");
-    EXPECT_EQ(record.vendor_id, 0);
 }
 
 TEST_F(UsbdsTest, DescriptionFallsBackToTheUsbIdsAndIsCutTo255) {
@@ -145,5 +128,3 @@ TEST_F(UsbdsTest, KeepAlivePassesTheNamesCutToFifteenAndLogsItsFailuresOncePerRu
     EXPECT_EQ(log.count(LOG_ERR, open_failure), 2);
     EXPECT_EQ(scope.opens(), scope.closes());
 }
-
-} // namespace
