@@ -49,13 +49,6 @@ TEST_F(DsAdvertise, TheFirstSharedInterfaceIsDescribedWithin31Characters) {
     ASSERT_EQ(advertise(), 164);
     EXPECT_EQ(description(), std::string(31, 'D'));
     EXPECT_EQ(status(), 0x8483);
-    log_capture log;
-    dyp_alloc_fail_after(2); // the record succeeds, the name slot fails
-    EXPECT_EQ(advertise(), 164);
-    dyp_alloc_fail_after(0);
-    EXPECT_EQ(log.count(LOG_ERR, "no memory for an interface name module first"), 1);
-    EXPECT_EQ(status(), 0x8082);
-    EXPECT_EQ(description(), "");
 }
 
 TEST_F(DsAdvertise, ModuleFailuresMoveOnAndOnlyRealOnesAreLogged) {
