@@ -14,14 +14,12 @@ int run_shell(const std::string &command) {
 
 std::string run_shell_output(const std::string &command) {
     std::string out;
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr)
-        return out;
-    char chunk[512];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0)
-        out.append(chunk, n);
-    pclose(pipe);
+    if (FILE *pipe = popen(command.c_str(), "r")) {
+        char chunk[512];
+        for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+            out.append(chunk, n);
+        pclose(pipe);
+    }
     return out;
 }
 

@@ -1,5 +1,5 @@
-// Test network namespaces: made by the test, entered by the test thread,
-// removed by name when the test ends. Never routes outside the machine.
+// Test network namespaces: made by the test, entered by the test thread and
+// removed by name when the test ends. Nothing routes outside the machine.
 #pragma once
 
 #include <optional>
@@ -14,22 +14,20 @@
             GTEST_SKIP() << "needs root: the test makes its own network namespaces";               \
     } while (0)
 
-// Runs a shell command; returns its exit status (-1 when it could not run).
+// Runs a shell command; returns its exit status, or -1 when it could not run.
 int run_shell(const std::string &command);
 // Runs a shell command and returns its standard output.
 std::string run_shell_output(const std::string &command);
 
-// A named network namespace ("dyp<tag><pid>"), deleted in the destructor
-// together with everything in it.
+// The namespace "dyp<tag><pid>", deleted with everything in it by the destructor.
 class test_netns {
   public:
     explicit test_netns(const std::string &tag);
     ~test_netns();
     test_netns(const test_netns &) = delete;
     test_netns &operator=(const test_netns &) = delete;
-
     const std::string &name() const { return name_; }
-    // Runs `ip netns exec <name> sh -c command`; returns its exit status.
+    // Runs `command` with sh inside the namespace; returns its exit status.
     int exec(const std::string &command) const;
 
   private:
@@ -50,9 +48,8 @@ class netns_scope {
     bool ok_ = false;
 };
 
-// A namespace built by a setup command (run inside it) and entered by the
-// calling thread for the object's life; ok() is false when either failed.
-// The thread leaves the namespace before it is deleted.
+// A namespace built by `setup` (run inside it) and entered by the calling
+// thread, which leaves it before it is deleted; ok() is false on failure.
 class entered_netns {
   public:
     entered_netns(const std::string &tag, const std::string &setup);

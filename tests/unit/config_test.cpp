@@ -16,8 +16,8 @@ const char command_line_list[] = "eth0";
 // Settings as start-up leaves them before the file, and a file to load.
 class ConfigFile : public ::testing::Test {
   protected:
-    void SetUp() override { reset(); }
-    void TearDown() override {
+    ConfigFile() { reset(); }
+    ~ConfigFile() override {
         reset();
         (void)unlink(path.c_str());
     }
@@ -38,9 +38,10 @@ class ConfigFile : public ::testing::Test {
         std::ofstream(path) << text;
         return dypd_configfile_load(&settings);
     }
-    // Ports and primary port as "port,port,|primary".
-    std::string numbers() const {
-        std::string text;
+    // What the file sets, as "product|host name|bind list|port,port,|primary port".
+    std::string summary() const {
+        std::string text = std::string(settings.identity.product_name) + "|" +
+                           settings.identity.host_name + "|" + settings.bind_interfaces + "|";
         for (int i = 0; i < settings.port_count; ++i)
             text += std::to_string(settings.ports[i]) + ",";
         return text + "|" + std::to_string(settings.primary_port);
@@ -53,30 +54,23 @@ class ConfigFile : public ::testing::Test {
 } // namespace
 
 TEST_F(ConfigFile, AppliesEveryKeyAsWrittenOutsideAnySectionAndIgnoresEmptyValues) {
+    settings.bind_interfaces = command_line_list;
+    ASSERT_EQ(load("netif=br1\n"), 0);
+    EXPECT_EQ(settings.bind_interfaces, command_line_list) << "-i wins over netif";
+    settings.bind_interfaces = network_interface_name;
+    ASSERT_EQ(load("netif=\n"), 0);
+    EXPECT_EQ(settings.bind_interfaces, network_interface_name) << "an empty netif is no list";
     ASSERT_EQ(load("product= Scanner Hub\nhostname=abcdefghijklmnopqrst\nnetif= eth0,!br1\n"
                    "portnum= 1000, 1001,,0x4c54,070\nds_port= 1001\n[x]\nproduct=inside\n"),
               0);
     for (int reload = 0; reload < 2; ++reload) {
         // A blank after '=' stays in text values; numbers skip it.
-        EXPECT_STREQ(settings.identity.product_name, " Scanner Hub");
-        EXPECT_STREQ(settings.identity.host_name, "abcdefghijklmno");
-        EXPECT_STREQ(settings.bind_interfaces, " eth0,!br1");
-        EXPECT_EQ(numbers(), "1000,1001,19540,56,|1001");
+        EXPECT_EQ(summary(), " Scanner Hub|abcdefghijklmno| eth0,!br1|1000,1001,19540,56,|1001");
         // Empty values change nothing; netif is read only while it has its default.
         ASSERT_EQ(load("product=\nhostname=\nnetif=eth1\nportnum=\nds_port=\n"), 0);
     }
-    settings.config_path = nullptr;
-    EXPECT_EQ(dypd_configfile_load(&settings), 0);
     settings.config_path = "/nonexistent/dypd.conf";
     EXPECT_EQ(dypd_configfile_load(&settings), -ENOENT);
-}
-
-TEST_F(ConfigFile, NetifIsIgnoredAfterTheCommandLineOptionAndWhenEmpty) {
-    ASSERT_EQ(load("netif=\n"), 0);
-    EXPECT_EQ(settings.bind_interfaces, network_interface_name);
-    settings.bind_interfaces = command_line_list;
-    ASSERT_EQ(load("netif=br1\n"), 0);
-    EXPECT_EQ(settings.bind_interfaces, command_line_list);
 }
 
 TEST_F(ConfigFile, NumberRules) {
@@ -91,15 +85,13 @@ TEST_F(ConfigFile, NumberRules) {
         {"portnum=19550,abc\nds_port=1\n", 0, "19540,19541,|19540"}, // ds_port unread
         {"portnum=\nds_port=7\n", 0, "19540,19541,|7"},
         {"portnum=1,99999999999\nds_port=1\n", -ERANGE, "19540,19541,|19540"},
-        {"portnum=-99999999999\n", -ERANGE, "19540,19541,|19540"},
-        {"ds_port=12ab\n", 0, "19540,19541,|19540"},
         {"ds_port=019\n", 0, "19540,19541,|19540"}, // not an octal number
         {"ds_port=4294967296\n", -ERANGE, "19540,19541,|19540"},
     };
     for (const auto &c : cases) {
         reset();
         EXPECT_EQ(load(c.text), c.result) << c.text;
-        EXPECT_EQ(numbers(), c.numbers) << c.text;
+        EXPECT_EQ(summary(), std::string("||*|") + c.numbers) << c.text;
     }
     std::string many_ports; // a list that must fit the storage made for it
     for (int i = 1; i <= 500; ++i)
