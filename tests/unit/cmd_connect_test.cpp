@@ -86,8 +86,6 @@ TEST_F(ScannerConnect, TheFirstModuleServingTheInterfaceDecides) {
     first.interfaces[0].info_result = -EIO;
     EXPECT_EQ(run(CONNECT), NG);
     EXPECT_EQ(log.count(LOG_ERR, "cannot get an interface info module first (err: -5)"), 1);
-    first.interfaces[0].info_result = -ENOENT;
-    EXPECT_EQ(run(CONNECT), NG);
     EXPECT_EQ(log.lines().size(), 1u);
     EXPECT_EQ(second.connect_ex_calls.size(), 1u); // never reached again
 }
@@ -108,6 +106,4 @@ TEST_F(ScannerConnect, DisconnectTriesModulesUntilOneSucceeds) {
     first.disconnect_result = 0;
     EXPECT_EQ(run(DISCONNECT), OK);
     EXPECT_EQ(second.disconnect_calls.size(), 2u);
-    second.get()->disconnect = first.get()->disconnect = nullptr;
-    EXPECT_EQ(run(DISCONNECT), NG);
 }

@@ -44,8 +44,6 @@ TEST_F(ScannerCommands, StatusHolderComesFromTheFirstModuleKnowingTheCutName) {
     EXPECT_EQ(log.count(LOG_ERR, "cannot get information of the interface abcdefghijklmno "
                                  "module first (err: -5)"),
               1);
-    second.interfaces[0].status_flag = 0;
-    EXPECT_EQ(status(":abcdefghijklmno").substr(0, 2), "\x80\x93");
 }
 
 TEST_F(ScannerCommands, PortNamesAreAllListedAndCountedModulo256) {

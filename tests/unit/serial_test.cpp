@@ -23,8 +23,6 @@ TEST(SerialLookup, LocationsMapToSysfsDevicesAndTheirSerials) {
         {"path runs into aux1, aux2 is M", "H1234567891234567M", "1-2.3.4.5.6.7.8.9.1.2.3.4.5.6.7",
          "LONG\n", 0, "LONG", 0, ""},
         {"no serial file", "H123", "9", "x", 0, "", 0, ""},
-        {"long serial fills all 64 bytes", "L12", "1-2", std::string(100, 'S'), 0,
-         std::string(64, 'S'), 0, ""},
         {"file fills the whole read", "H123", "1-2.3", std::string(200, 'Z'), -ENOBUFS, "", LOG_ERR,
          "cannot open serial error -105"},
         {"unknown kind", "X1-2", "9", "x", -EINVAL, "", LOG_INFO, " unknown location (X1-2)\n"},
