@@ -2,9 +2,6 @@
 
 #include <map>
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-
 #include "lib/be.h"
 #include "protocol/packet.h"
 
@@ -87,26 +84,14 @@ fake_module::~fake_module() {
     fakes.erase(&module_);
 }
 
-std::vector<uint8_t> make_request(const std::string &name, const std::string &data) {
-    std::vector<uint8_t> packet(DYP_REQUEST_MAX, 0);
-    put_be16(packet.data() + DYP_REQ_TYPE, DYP_TYPE_START);
-    std::memcpy(packet.data() + DYP_REQ_NAME, name.data(),
-                std::min<size_t>(name.size(), DYP_NAME_SIZE));
-    packet[DYP_REQ_NAME + DYP_NAME_SIZE - 1] = 0;
-    std::memcpy(packet.data() + DYP_REQ_DATA, data.data(), data.size());
-    return packet;
-}
-
 std::string run_command(dypcmd_handler handler, dypd_session *session, const std::string &name,
                         const std::string &data, uint32_t capacity) {
-    std::vector<uint8_t> request = make_request(name, data), out(capacity);
+    std::vector<uint8_t> request(DYP_REQUEST_MAX, 0), out(capacity);
+    put_be16(request.data() + DYP_REQ_TYPE, DYP_TYPE_START);
+    std::memcpy(request.data() + DYP_REQ_NAME, name.data(),
+                std::min<size_t>(name.size(), DYP_NAME_SIZE));
+    request[DYP_REQ_NAME + DYP_NAME_SIZE - 1] = 0;
+    std::memcpy(request.data() + DYP_REQ_DATA, data.data(), data.size());
     int32_t n = handler(session, request.data(), out.data(), capacity);
     return std::string(out.begin(), out.begin() + std::max(n, 0));
-}
-
-int ska_namespace_test::udp_socket(uint16_t port, bool any) {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in local{AF_INET, htons(port), {htonl(any ? INADDR_ANY : INADDR_LOOPBACK)}, {}};
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local), 0);
-    return fd;
 }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -84,11 +83,9 @@ struct identity_scope {
     dypd_identity *saved = dyp_daemon.header.settings;
 };
 
-// A 510-byte START request: `name` (binary bytes allowed) in the name field
-// with its last byte forced to NUL, `data` in the data field.
-std::vector<uint8_t> make_request(const std::string &name, const std::string &data = {});
-// Runs `handler` on such a request with an output buffer of `capacity`;
-// the reply's bytes (none on failure).
+// Runs `handler` on a START request with `name` (binary bytes allowed, the
+// field's last byte forced to NUL) and `data`, with an output buffer of
+// `capacity`; the reply's bytes (none on failure).
 std::string run_command(dypcmd_handler handler, dypd_session *session, const std::string &name,
                         const std::string &data = {}, uint32_t capacity = 65536);
 
@@ -102,9 +99,6 @@ class ska_namespace_test : public ::testing::Test {
         ASSERT_TRUE(ns_->ok());
     }
     void TearDown() override { ns_.reset(); }
-    // A UDP socket bound to `port` (0: any free one) on loopback, or on every
-    // address when `any`; the caller closes it.
-    static int udp_socket(uint16_t port = 0, bool any = false);
 
   private:
     std::optional<entered_netns> ns_;

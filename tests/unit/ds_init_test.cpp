@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -69,7 +70,9 @@ TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
     expect_torn_down();
     EXPECT_EQ(endpoint.advertise, &other_handler);
     endpoint.advertise = nullptr;
-    int holder = udp_socket(SKA_PORT, true);
+    int holder = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in any{AF_INET, htons(SKA_PORT), {INADDR_ANY}, {}};
+    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
     EXPECT_EQ(dypd_ds_init(&endpoint), -EADDRINUSE);
     close(holder);
     expect_torn_down();

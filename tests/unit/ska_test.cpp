@@ -25,7 +25,7 @@ class Ska : public ska_namespace_test {
         ska_namespace_test::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        client = udp_socket();
+        client = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); // bound by its first send
         ASSERT_EQ(dypd_ds_ska_init(), 0);
     }
     void TearDown() override {
