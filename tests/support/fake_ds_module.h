@@ -44,7 +44,6 @@ class fake_module {
     dypd_ds_module *get() { return &module_; }
 
     std::vector<fake_interface> interfaces;
-    std::optional<int> num_result;   // instead of the number of interfaces
     std::optional<int> names_result; // instead of the count; names still written
     int connect_result = 0, disconnect_result = 0;
     // What the module saw.

@@ -21,30 +21,18 @@ static std::vector<std::string> registered_commands() {
     return names;
 }
 
-class DsInit : public ska_namespace_test {
-  protected:
-    void SetUp() override {
-        ska_namespace_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
-            return;
-        ASSERT_EQ(dypd_command_init(), 0);
-        dypd_ds_core = nullptr;
-    }
-    void TearDown() override {
-        dypd_command_cleanup();
-        ska_namespace_test::TearDown();
-    }
-    // Everything init builds is gone again.
-    void expect_torn_down() {
-        EXPECT_EQ(dypd_ds_modlist, nullptr);
-        EXPECT_EQ(dypd_ds_ska_get_fd(), -1);
-        EXPECT_TRUE(registered_commands().empty());
-    }
+// Everything init builds is gone again.
+static void expect_torn_down() {
+    EXPECT_EQ(dypd_ds_modlist, nullptr);
+    EXPECT_EQ(dypd_ds_ska_get_fd(), -1);
+    EXPECT_TRUE(registered_commands().empty());
+}
 
+using DsInit = ska_namespace_test;
+
+TEST_F(DsInit, BuildsTheDeviceServerWatchesSkaAndUndoesEachStepInTurn) {
+    ASSERT_EQ(dypd_command_init(), 0);
     dypd_udp_port endpoint{};
-};
-
-TEST_F(DsInit, BuildsTheDeviceServerWatchesSkaAndCleanupUndoesIt) {
     ASSERT_EQ(dypd_ds_init(&endpoint), 0);
     EXPECT_EQ(dypd_ds_core, &endpoint);
     EXPECT_EQ(endpoint.advertise, &dypd_ds_process_advertise);
@@ -62,9 +50,7 @@ TEST_F(DsInit, BuildsTheDeviceServerWatchesSkaAndCleanupUndoesIt) {
     dypd_ds_cleanup();
     expect_torn_down();
     EXPECT_EQ(endpoint.advertise, &dypd_ds_process_advertise); // stays registered
-}
 
-TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
     endpoint.advertise = other_handler;
     EXPECT_EQ(dypd_ds_init(&endpoint), -EINVAL);
     expect_torn_down();
@@ -89,4 +75,5 @@ TEST_F(DsInit, EachFailingStepReturnsItsErrorAndUndoesTheEarlierOnes) {
         EXPECT_EQ(dypd_ds_core, failing == 1 ? nullptr : &endpoint);
     }
     EXPECT_EQ(dypd_ds_ska.buffer, nullptr);
+    dypd_command_cleanup();
 }

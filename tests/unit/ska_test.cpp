@@ -1,10 +1,10 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "ds/ska.h"
 #include "lib/be.h"
+#include "lib/fd.h"
 #include "support/fake_ds_module.h"
 
 static std::vector<uint8_t> ska_packet(const std::vector<std::string> &names,
@@ -19,55 +19,42 @@ static std::vector<uint8_t> ska_packet(const std::vector<std::string> &names,
     return packet;
 }
 
-class Ska : public ska_namespace_test {
-  protected:
-    void SetUp() override {
-        ska_namespace_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
-            return;
-        client = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); // bound by its first send
-        ASSERT_EQ(dypd_ds_ska_init(), 0);
-    }
-    void TearDown() override {
-        dypd_ds_ska_cleanup();
-        if (client >= 0)
-            close(client);
-        ska_namespace_test::TearDown();
-    }
-    // Sends `packet` to SKA on loopback and serves it.
-    void serve(const std::vector<uint8_t> &packet) {
-        sockaddr_in ska{AF_INET, htons(SKA_PORT), {htonl(INADDR_LOOPBACK)}, {}};
-        ASSERT_EQ(sendto(client, packet.data(), packet.size(), 0,
-                         reinterpret_cast<sockaddr *>(&ska), sizeof ska),
-                  static_cast<ssize_t>(packet.size()));
-        dypd_ds_ska_handler();
-    }
-    std::vector<uint8_t> receive() {
-        pollfd ready{client, POLLIN, 0};
-        EXPECT_EQ(poll(&ready, 1, 5000), 1);
-        std::vector<uint8_t> reply(8192);
-        reply.resize(std::max<ssize_t>(recv(client, reply.data(), reply.size(), MSG_DONTWAIT), 0));
-        return reply;
-    }
-    // Sends `packet` and then a marker, serving each: the first datagram
-    // back is the echo of `packet`, or the marker when it was ignored.
-    std::vector<uint8_t> exchange(const std::vector<uint8_t> &packet) {
-        serve(packet);
-        serve(marker);
-        std::vector<uint8_t> reply = receive();
-        if (reply != marker)
-            EXPECT_EQ(receive(), marker);
-        return reply;
-    }
+// Sends `packet` from `client` to SKA on loopback and serves it.
+static void serve(int client, const std::vector<uint8_t> &packet) {
+    sockaddr_in ska{AF_INET, htons(SKA_PORT), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(sendto(client, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&ska),
+                     sizeof ska),
+              static_cast<ssize_t>(packet.size()));
+    dypd_ds_ska_handler();
+}
 
-    int client = -1;
-    const std::vector<uint8_t> marker = ska_packet({"marker"});
-    fake_module first{"first"}, second{"second"}, third{"third"};
-    module_list_scope list{{&first, &second, &third}};
-};
+static std::vector<uint8_t> receive(int client) {
+    pollfd ready{client, POLLIN, 0};
+    EXPECT_EQ(poll(&ready, 1, 5000), 1);
+    std::vector<uint8_t> reply(8192);
+    reply.resize(std::max<ssize_t>(recv(client, reply.data(), reply.size(), MSG_DONTWAIT), 0));
+    return reply;
+}
+
+using Ska = ska_namespace_test;
 
 TEST_F(Ska, NamesAreEchoedAndPassedOnCutTo15AndMalformedPacketsIgnored) {
+    fake_module first{"first"}, second{"second"}, third{"third"};
     second.get()->keep_alive = nullptr;
+    module_list_scope list({&first, &second, &third});
+    ASSERT_EQ(dypd_ds_ska_init(), 0);
+    unique_fd client(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)); // bound by its first send
+    // Sends `packet` and then a marker: the first datagram back is the echo
+    // of `packet`, or the marker when it was ignored.
+    const std::vector<uint8_t> marker = ska_packet({"marker"});
+    auto exchange = [&](const std::vector<uint8_t> &packet) {
+        serve(client.get(), packet);
+        serve(client.get(), marker);
+        std::vector<uint8_t> reply = receive(client.get());
+        if (reply != marker)
+            EXPECT_EQ(receive(client.get()), marker);
+        return reply;
+    };
     auto smallest = ska_packet({});
     ASSERT_EQ(smallest, (std::vector<uint8_t>{0x00, 0x06, 'K', 'A', 0x00, 0x00}));
     EXPECT_EQ(exchange(smallest), smallest);
@@ -90,4 +77,5 @@ TEST_F(Ska, NamesAreEchoedAndPassedOnCutTo15AndMalformedPacketsIgnored) {
     auto unterminated = ska_packet({"usb1", "usb2"}, false);
     EXPECT_EQ(exchange(unterminated), unterminated);
     EXPECT_EQ(first.keep_alive_calls.size(), 10u); // since then, the markers only
+    dypd_ds_ska_cleanup();
 }

@@ -1,6 +1,5 @@
 #include "modules/usbds.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 
 #include "sim_seam.h"
