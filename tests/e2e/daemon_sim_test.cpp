@@ -1,5 +1,4 @@
-// The built daemon against the driver simulator, driven over real UDP from
-// a host namespace: what the driver is asked and how its answers are composed.
+// The daemon on the driver simulator, driven over UDP from a host namespace.
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
@@ -27,8 +26,7 @@ TEST(DaemonSim, CommandsAdvertiseAndKeepAliveReachTheDriverAndComposeItsAnswers)
     sim_testbed bed;
     ASSERT_TRUE(bed.ready());
     std::ofstream(bed.dir() + "/dypd.conf") << "portnum=19540,19541\nds_port=19540\n";
-    // Its own /var/run for the pid file, and a /sys/bus where scanner1 (at
-    // H112) has a serial number and the others none.
+    // A /var/run for the pid file; a /sys/bus where only scanner1 (H112) has a serial.
     std::string script =
         "mount -t tmpfs dyprun /var/run && mount -t tmpfs dypsys /sys/bus"
         " && mkdir -p /sys/bus/usb/devices/1-1.2"
@@ -52,7 +50,6 @@ TEST(DaemonSim, CommandsAdvertiseAndKeepAliveReachTheDriverAndComposeItsAnswers)
     EXPECT_EQ(list.entries[0].holder, "192.0.2.20");
     EXPECT_EQ(list.entries[0].serial, "NW410A00017");
     EXPECT_EQ(list.entries[1].description, "VID [0x2B7C] FlatPlate S2");
-    EXPECT_EQ(list.entries[2].description, "Contoso Optics PID [0x7A01]");
     EXPECT_EQ(list.entries[2].status & 0x400, 0x400);
     EXPECT_TRUE(driver_received("get_interface_names count=3 result=3"));
     list = dyp::decode_device_list(read("GET USB_DEVICE_LIST"), false);

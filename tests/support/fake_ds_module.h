@@ -30,8 +30,7 @@ struct fake_interface {
     std::string location = "H12";
     uint8_t status_flag = 0;
     bool raw_description = false; // all 256 bytes 'D', no NUL
-    // Fixed: holder 192.0.2.7 with MAC 02:00:00:00:00:07, product 0x0142,
-    // aux1 0x5a, aux2 0xa5.
+    // Fixed: holder 192.0.2.7, MAC 02:00:00:00:00:07, product 0x0142, aux 5a a5.
 };
 
 // Names it does not know are answered with -ENODEV.
@@ -82,14 +81,12 @@ struct identity_scope {
     dypd_identity *saved = dyp_daemon.header.settings;
 };
 
-// Runs `handler` on a START request with `name` (binary bytes allowed, the
-// field's last byte forced to NUL) and `data`, with an output buffer of
-// `capacity`; the reply's bytes (none on failure).
+// Runs `handler` on a START request of `name` (its field's last byte forced to
+// NUL) and `data` with `capacity` bytes of output; the reply (none on failure).
 std::string run_command(dypcmd_handler handler, dypd_session *session, const std::string &name,
                         const std::string &data = {}, uint32_t capacity = 65536);
 
-// SKA binds a fixed port: each test runs in a network namespace of its own
-// where the port is surely free. Skips when not root.
+// SKA's fixed port is surely free in a network namespace of the test's own.
 class ska_namespace_test : public ::testing::Test {
   protected:
     void SetUp() override {
