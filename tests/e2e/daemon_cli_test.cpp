@@ -1,5 +1,4 @@
-// The built daemon binary, from the outside: command line, configuration,
-// the pid-file lock and the hang-up reload. A daemon that gets as far as the
+// The built daemon binary from the outside. A daemon that gets as far as the
 // pid file runs in namespaces of its own with a private /var/run.
 #include <arpa/inet.h>
 #include <cerrno>
@@ -8,7 +7,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <string>
 
 #include "lib/fd.h"
 #include "support/sim_testbed.h"
@@ -90,7 +88,6 @@ TEST(Daemon, PrintsItsSettingsHoldsThePidFileAndRereadsOnlyTheNamesOnHangUp) {
     ASSERT_TRUE(bed.ready());
     const std::string conf = bed.dir() + "/dypd.conf";
     std::ofstream(conf) << "product=First\nhostname=office\nportnum=19540, 0x4c55\n";
-    // In the foreground, with a private /var/run for the pid file.
     const std::string script = "mount -t tmpfs dyprun /var/run && exec " + BINARY + " -d -i ";
     ASSERT_TRUE(bed.start(script + "'lo,!br1,*' -f " + conf, {19540, 19541, 49235}))
         << bed.output();
@@ -109,12 +106,11 @@ TEST(Daemon, PrintsItsSettingsHoldsThePidFileAndRereadsOnlyTheNamesOnHangUp) {
               std::string::npos)
         << bed.output();
     const std::string enter = "nsenter -t " + std::to_string(daemon) + " -m -n ";
-    const std::string pid_line = std::to_string(daemon) + "\n";
-    EXPECT_EQ(run_to_end(enter + "cat /var/run/dypd.pid").out, pid_line);
+    EXPECT_EQ(run_shell_output(enter + "cat /var/run/dypd.pid"), std::to_string(daemon) + "\n");
     finished second = run_to_end(enter + BINARY + " -d -f " + conf);
     EXPECT_EQ(second.status, 256 - EALREADY);
     EXPECT_NE(second.err.find("failed to create a pid file"), std::string::npos) << second.err;
-    EXPECT_EQ(run_to_end(enter + "cat /var/run/dypd.pid").out, pid_line);
+    EXPECT_EQ(run_shell_output(enter + "cat /var/run/dypd.pid"), std::to_string(daemon) + "\n");
 
     netns_scope inside(bed.box().name());
     unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -124,6 +120,5 @@ TEST(Daemon, PrintsItsSettingsHoldsThePidFileAndRereadsOnlyTheNamesOnHangUp) {
     ASSERT_EQ(kill(daemon, SIGHUP), 0);
     std::string product = advertised_product(fd, 19541);
     EXPECT_EQ(product == "Second" ? product : advertised_product(fd, 19541), "Second");
-    // Replies come within 150 ms; a quiet second means nobody listens.
-    EXPECT_EQ(advertised_product(fd, 19550, 1000), "<no reply>");
+    EXPECT_EQ(advertised_product(fd, 19550, 1000), "<no reply>") << "replies take 150 ms at most";
 }

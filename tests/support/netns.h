@@ -1,5 +1,4 @@
-// Test network namespaces: made by the test, entered by the test thread and
-// removed by name when the test ends. Nothing routes outside the machine.
+// Network namespaces made, entered and removed by the tests; nothing routes outside.
 #pragma once
 
 #include <optional>
@@ -48,8 +47,7 @@ class netns_scope {
     bool ok_ = false;
 };
 
-// A namespace built by `setup` (run inside it) and entered by the calling
-// thread, which leaves it before it is deleted; ok() is false on failure.
+// A namespace set up by `setup` and entered until destruction; ok() is false on failure.
 class entered_netns {
   public:
     entered_netns(const std::string &tag, const std::string &setup);

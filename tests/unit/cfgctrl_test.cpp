@@ -69,15 +69,13 @@ TEST_F(CfgFile, GetIniStringFollowsTheFileSyntax) {
     for (const auto &c : cases)
         EXPECT_EQ(value(c.section, c.key), c.value) << (c.section ? c.section : "-") << c.key;
     char *found = nullptr;
-    EXPECT_EQ(tq_cfg_get_ini_string("/nonexistent/dyptest", nullptr, "k", &found), -EIO);
     fail_each_allocation(
         [&] { return tq_cfg_get_ini_string(path_.c_str(), "abc", "only", &found); });
     EXPECT_STREQ(found, "here");
     tq_cfg_release_string(found);
 }
 
-// The first [x] is read; its changed "a" replaces every line whose text
-// before the '=' is exactly "a", in every section.
+// The first [x] is read; its "a" replaces each line whose text before '=' is exactly "a".
 TEST_F(CfgFile, SectionIsReadInFileOrderAndWrittenBackByUntrimmedKey) {
     write("top=0\n[x]\r\na=1\r\n\r\nnoise\nb = 2\na=3\n[ t ]x\n[y]\na=5\na = 7\n[x]\nd=4\n[open\n");
     tqmap<tq_cfg_pair> *map = section_with("x", '9');
@@ -90,9 +88,7 @@ TEST_F(CfgFile, SectionIsReadInFileOrderAndWrittenBackByUntrimmedKey) {
     EXPECT_EQ(run_shell_output("cat " + path_),
               "top=0\n[x]\na=9\nnoise\nb = 2\na=9\n[ t ]x\n[y]\na=9\na = 7\n[x]\nd=4\n"
               "[open\n");
-    EXPECT_EQ(tq_cfg_set_strings(path_.c_str(), "/nonexistent", map), -ENOENT);
     tq_cfg_release_section(map);
-    EXPECT_EQ(tq_cfg_get_section(path_.c_str(), "t", &map), -ENOENT);
 }
 
 // A temporary directory on another file system (the tmpfs of /dev/shm) makes the rename fail.

@@ -1,7 +1,5 @@
 #include "lib/list.h"
 
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "lib/alloc.h"
@@ -21,7 +19,7 @@ std::vector<int> items_of(tqlist<int> *list) {
 }
 } // namespace
 
-TEST(Tqlist, InsertGoesBeforeThePositionEraseReturnsTheNextNodeAndBadCallsChangeNothing) {
+TEST(Tqlist, InsertGoesBeforeThePositionEraseReturnsTheNextNodeAndFailuresChangeNothing) {
     tqlist<int> *list = tqlist_create<int>();
     tqlist_node<int> *head = tqlist_head(list);
     int a = 1, b = 2, c = 3, d = 4;

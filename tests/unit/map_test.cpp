@@ -20,17 +20,15 @@ int stored_starts_with(const char *stored, const char *searched) {
 TEST(Tqmap, FindGivesTheFirstMatchComparingStoredWithSearchedKeyOrTheHead) {
     entry other{"j"}, first{"product_name"}, second{"product"}; // on the stack: never freed
     tqmap<entry> *map = tqmap_create<entry>(stored_starts_with);
-    ASSERT_NE(map, nullptr);
     EXPECT_EQ(tqmap_find(map, "x"), tqlist_head(map->list));
     for (entry *item : {&other, &first, &second})
         tqlist_append(map->list, item);
     EXPECT_EQ(tqmap_find(map, "product")->item, &first);
     EXPECT_EQ(tqmap_find(map, "product_name_x"), tqlist_head(map->list));
-    EXPECT_EQ(tqmap_find<entry>(nullptr, "x"), nullptr);
     tqmap_dispose(map);
-    for (unsigned nth = 1; nth <= 2; ++nth) {
+    for (unsigned nth : {1u, 2u}) {
         dyp_alloc_fail_after(nth);
         EXPECT_EQ(tqmap_create<entry>(stored_starts_with), nullptr) << "allocation " << nth;
-        dyp_alloc_fail_after(0);
     }
+    dyp_alloc_fail_after(0);
 }

@@ -9,18 +9,14 @@
 #include "support/netns.h"
 
 // In a namespace of its own: "dypa" up with a known MAC, 192.0.2.1/24 and a
-// default route; its peer "dypb" up without IPv4 address; "dypdown" down.
+// default route; its peer "dypb" without IPv4 address.
 TEST(NetQueries, AnswerForTheNamedInterfaceOnly) {
     DYP_REQUIRE_ROOT();
-    entered_netns ns("net",
-                     "ip link add dypa type veth peer name dypb && "
-                     "ip link set dypa address 02:00:5e:10:20:3f && "
-                     "ip addr add 192.0.2.1/24 dev dypa && ip link set dypa up && "
-                     "ip link set dypb up && ip link add dypdown type veth peer name dypdown1 && "
-                     "ip route add default via 192.0.2.254 dev dypa");
+    entered_netns ns("net", "ip link add dypa address 02:00:5e:10:20:3f type veth peer name dypb"
+                            " && ip addr add 192.0.2.1/24 dev dypa && ip link set dypa up"
+                            " && ip route add default via 192.0.2.254 dev dypa");
     ASSERT_TRUE(ns.ok());
-    uint8_t mac[8];
-    std::memset(mac, 0xee, sizeof mac);
+    uint8_t mac[8] = {0, 0, 0, 0, 0, 0, 0xee, 0xee};
     ASSERT_EQ(tq_net_get_hwaddr("dypa", mac, 8), 0);
     EXPECT_EQ(std::memcmp(mac, "\x02\x00\x5e\x10\x20\x3f\xee\xee", 8), 0) << "six bytes written";
     EXPECT_EQ(tq_net_get_hwaddr("dypa", mac, 9), -EINVAL);
@@ -31,8 +27,6 @@ TEST(NetQueries, AnswerForTheNamedInterfaceOnly) {
     EXPECT_EQ(std::memcmp(address, "\xc0\x00\x02\x01", 4), 0) << "192.0.2.1";
     EXPECT_EQ(std::memcmp(mask, "\xff\xff\xff\x00", 4), 0) << "255.255.255.0";
     EXPECT_EQ(tq_net_get_ip4addr("dypb", address), -EADDRNOTAVAIL);
-    EXPECT_EQ(tq_net_chk_ifup("dypa"), 1);
-    EXPECT_EQ(tq_net_chk_ifup("dypdown"), 0);
     uint32_t gateway = 0xdeadbeef;
     ASSERT_EQ(tq_net_get_defaultgw("dypa", &gateway), 0);
     EXPECT_EQ(gateway, inet_addr("192.0.2.254"));

@@ -57,17 +57,13 @@ TEST_F(UdpEndpoint, ReceivesWithSenderAndInterfaceAndConsumesWhatItRefuses) {
 
     ASSERT_EQ(dypd_set_bind_interface(&endpoint, "!lo"), 0);
     send_bytes(200);
-    ifindex = -7;
-    EXPECT_EQ(receive(&ifindex), -EBADMSG);
-    EXPECT_EQ(ifindex, -7) << "no interface is named for a refused datagram";
+    EXPECT_EQ(receive(), -EBADMSG);
     int off = 0;
     ASSERT_EQ(setsockopt(endpoint.fd, IPPROTO_IP, IP_PKTINFO, &off, sizeof off), 0);
     send_bytes(20);
     EXPECT_EQ(receive(), -EINVAL) << "no packet information";
     EXPECT_EQ(receive(), -EAGAIN);
 
-    EXPECT_EQ(dypd_open_socket(&endpoint), -EINVAL) << "opened once";
-    EXPECT_EQ(endpoint.bound_port, endpoint.ports);
     EXPECT_EQ(dypd_set_udp_port(&endpoint, 1), -EEXIST) << "a UDP endpoint has one port";
 }
 
