@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include "lib/alloc.h"
 #include "lib/fd.h"
@@ -79,4 +81,20 @@ TEST_F(UdpEndpoint, SelectWaitsMillisecondsOrWithoutLimitUntilADatagramComes) {
     FD_SET(endpoint.fd, &readset);
     EXPECT_EQ(dypd_select(endpoint.fd + 1, &readset, nullptr, -1, 1), 1);
     EXPECT_TRUE(FD_ISSET(endpoint.fd, &readset));
+}
+
+// A signal ends the wait with -EINTR only when the caller asked not to retry.
+TEST_F(UdpEndpoint, SelectRetriesAfterASignalUnlessToldNotTo) {
+    struct sigaction wake {};
+    wake.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGALRM, &wake, nullptr), 0);
+    const itimerval in_50ms{{0, 0}, {0, 50000}};
+    for (int no_retry : {1, 0}) {
+        fd_set readset;
+        FD_ZERO(&readset);
+        FD_SET(endpoint.fd, &readset);
+        ASSERT_EQ(setitimer(ITIMER_REAL, &in_50ms, nullptr), 0);
+        EXPECT_EQ(dypd_select(endpoint.fd + 1, &readset, nullptr, 300, no_retry),
+                  no_retry != 0 ? -EINTR : 0);
+    }
 }
