@@ -88,7 +88,7 @@ int32_t dypcmd_get_scanner_status(dypd_session *session, const uint8_t *request,
     uint8_t status[2];
     put_be16(status, static_cast<uint16_t>(dypd_get_status() | STATUS_ALWAYS |
                                            (found ? STATUS_PRESENT : 0) |
-                                           (found && info.status_flag != 0 ? STATUS_FLAGGED : 0)));
+                                           (info.status_flag != 0 ? STATUS_FLAGGED : 0)));
     int written = tqbuffer_write(&buffer, status, sizeof status);
     if (written < 0)
         dyp_log(LOG_INFO, "buffer error(%d)\n", written);

@@ -27,6 +27,12 @@ TEST_F(ScannerCommands, StatusOfAnUnknownInterfaceIsNotConnectedAndQuiet) {
     session.ifindex = 1;
     EXPECT_EQ(status(":usb1"), not_connected);
     EXPECT_EQ(log.lines().size(), 1u);
+    // The flag counts as the record holds it, found or not.
+    second.get()->get_interface_info = [](dypd_ds_module *, dypd_ds_interface_info *info) {
+        info->status_flag = 1;
+        return -ENODEV;
+    };
+    EXPECT_EQ(status(":usb1").substr(0, 2), "\x84\x82"s);
 }
 
 TEST_F(ScannerCommands, StatusHolderComesFromTheFirstModuleKnowingTheCutName) {
