@@ -7,6 +7,7 @@
 #include "lib/alloc.h"
 #include "lib/be.h"
 #include "lib/log.h"
+#include "lib/text.h"
 #include "protocol/advertise_fill.h"
 #include "protocol/identity.h"
 #include "protocol/packet.h"
@@ -83,10 +84,9 @@ int32_t dypd_ds_process_advertise(const uint8_t *request, uint8_t *reply, uint32
     if (info != nullptr) {
         found = find_first_interface(info);
         if (found) {
-            // Bounded: a module's description need not end in a NUL. The
-            // reply is zeroed, so the copy stays terminated.
-            memcpy(reply + DYP_ADV_DESCRIPTION, info->description,
-                   strnlen(info->description, DYP_ADV_DESCRIPTION_SIZE - 1));
+            // Bounded: a module's description need not end in a NUL.
+            copy_text(reinterpret_cast<char *>(reply + DYP_ADV_DESCRIPTION),
+                      DYP_ADV_DESCRIPTION_SIZE, info->description, sizeof info->description);
             flagged = info->status_flag != 0;
         }
         dyp_free(info);

@@ -11,6 +11,7 @@
 
 #include "lib/fd.h"
 #include "lib/nerrno.h"
+#include "lib/text.h"
 #include "lib/tqstdio.h"
 
 namespace {
@@ -26,7 +27,7 @@ unique_fd open_query_socket() {
 
 // Fills the request's name with at most IFNAMSIZ - 1 characters.
 void set_request_name(ifreq &request, const char *ifname) {
-    std::memcpy(request.ifr_name, ifname, strnlen(ifname, IFNAMSIZ - 1));
+    copy_text(request.ifr_name, ifname);
 }
 
 // Issues `command` about `ifname` on a temporary socket; for the address

@@ -6,6 +6,7 @@
 
 #include "lib/be.h"
 #include "lib/net.h"
+#include "lib/text.h"
 #include "protocol/identity.h"
 #include "protocol/packet.h"
 
@@ -16,11 +17,9 @@ constexpr uint32_t IPV4_SIZE = 4;
 constexpr uint8_t LINK_LOCAL_FIRST = 169;
 constexpr uint8_t LINK_LOCAL_SECOND = 254;
 
-// A bounded copy into a 16-byte text field whose last byte is always NUL.
+// A 16-byte text field of the reply, cut to 15 characters and NUL-filled.
 void put_text16(uint8_t *field, const char *text) {
-    size_t length = strnlen(text, DYP_ADV_TEXT16 - 1);
-    memcpy(field, text, length);
-    field[length] = '\0';
+    copy_text(reinterpret_cast<char *>(field), DYP_ADV_TEXT16, text);
 }
 
 // A link-local address is reachable only from the same link-local network:

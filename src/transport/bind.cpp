@@ -11,6 +11,7 @@
 #include "lib/alloc.h"
 #include "lib/fd.h"
 #include "lib/nerrno.h"
+#include "lib/text.h"
 
 namespace {
 
@@ -74,7 +75,7 @@ unique_fd interface_query_socket() {
 
 int resolve_index(int fd, const char *name) {
     ifreq request{};
-    memcpy(request.ifr_name, name, strnlen(name, sizeof request.ifr_name - 1));
+    copy_text(request.ifr_name, name);
     if (ioctl(fd, SIOCGIFINDEX, &request) < 0)
         return DYPD_IFINDEX_UNRESOLVED;
     return request.ifr_ifindex;
@@ -133,8 +134,7 @@ int dypd_get_ifname(int index, char *buffer, size_t length) {
     request.ifr_ifindex = index;
     if (ioctl(query.get(), SIOCGIFNAME, &request) < 0)
         return -EINVAL;
-    strncpy(buffer, request.ifr_name, length - 1);
-    buffer[length - 1] = '\0';
+    copy_text(buffer, length, request.ifr_name, sizeof request.ifr_name);
     return 0;
 }
 
