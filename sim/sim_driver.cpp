@@ -195,6 +195,8 @@ int sim_driver::handle(unsigned long request, void *arg) {
         line = text;
         result = -ENOTTY;
     }
+    if (requests_.size() == REQUEST_HISTORY)
+        requests_.pop_front();
     requests_.push_back(line + " result=" + std::to_string(result));
     return result;
 }

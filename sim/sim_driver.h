@@ -2,11 +2,15 @@
 // through the control file: shared USB devices, which host holds which,
 // keep-alive bookkeeping and injectable failures. Each request is decoded,
 // answered and described in one log line, so tests can check the exact
-// record the driver received.
+// record the driver received. Only the latest lines are kept: a long run
+// (a soak of millions of requests) must not grow the simulator; whoever
+// needs every line streams them to a log as they come (DYPSIM_LOG).
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
@@ -45,8 +49,11 @@ class sim_driver {
     int open_result() const;
     // Answers one request: a count or 0, or a negative errno value.
     int handle(unsigned long request, void *arg);
-    // One line per request handled, oldest first.
-    const std::vector<std::string> &requests() const { return requests_; }
+    // How many of the latest request lines are kept.
+    static constexpr size_t REQUEST_HISTORY = 64;
+    // One line per request handled, oldest first: the latest
+    // REQUEST_HISTORY of them.
+    const std::deque<std::string> &requests() const { return requests_; }
 
     sim_device *find(const char *name);
 
@@ -58,7 +65,7 @@ class sim_driver {
     int keep_alive(const void *arg, std::string &line);
     int interface_count() const;
 
-    std::vector<std::string> requests_;
+    std::deque<std::string> requests_;
 };
 
 // "a.b.c.d:port" for an IPv4 socket address, else "family=N".

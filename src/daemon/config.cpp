@@ -9,6 +9,10 @@
 #include "lib/cfgctrl.h"
 #include "lib/nerrno.h"
 #include "lib/text.h"
+#include "lib/tqstdio.h"
+
+const char dypd_config_refused[] =
+    "the config file %s is not a regular file of at most %u bytes";
 
 namespace {
 
@@ -39,30 +43,46 @@ converted convert_number(const char *text) {
     return {conversion::number, value};
 }
 
+// Looks `key` up outside any section: 1 with the value in `*value`, 0 when
+// the key is not there, or a negative errno value that ends the load: the
+// file was refused (-EFBIG) or memory ran out (-ENOMEM). For want of memory
+// a setting is never silently left at its old value.
+int lookup(const char *path, const char *key, char **value) {
+    int result = tq_cfg_get_ini_string(path, nullptr, key, value);
+    if (result == -EFBIG || result == -ENOMEM)
+        return result;
+    return result < 0 ? 0 : 1;
+}
+
 // Copies a non-empty value into a 16-byte identity field, cut to 15.
-void load_name(const char *path, const char *key, char (&field)[16]) {
+int load_name(const char *path, const char *key, char (&field)[16]) {
     char *value = nullptr;
-    if (tq_cfg_get_ini_string(path, nullptr, key, &value) < 0)
-        return;
+    int found = lookup(path, key, &value);
+    if (found <= 0)
+        return found;
     if (value[0] != '\0')
         copy_text(field, value);
     tq_cfg_release_string(value);
+    return 0;
 }
 
 // The bind list is taken from the file only while neither the command line
 // nor an earlier load has set it; the value string then stays the setting
-// for the life of the process.
-void load_bind_interfaces(const char *path, dypd_settings *settings) {
+// until dypd_configfile_release.
+int load_bind_interfaces(const char *path, dypd_settings *settings) {
     if (settings->bind_interfaces != network_interface_name)
-        return;
+        return 0;
     char *value = nullptr;
-    if (tq_cfg_get_ini_string(path, nullptr, "netif", &value) < 0)
-        return;
+    int found = lookup(path, "netif", &value);
+    if (found <= 0)
+        return found;
     if (value[0] == '\0') {
         tq_cfg_release_string(value);
-        return;
+        return 0;
     }
     settings->bind_interfaces = value;
+    settings->loaded_bind_interfaces = value;
+    return 0;
 }
 
 // Converts every comma-separated piece of `text` into `list`. Returns 1
@@ -82,11 +102,17 @@ int parse_ports(char *text, int32_t *list, int32_t *count) {
     return 1;
 }
 
+void release_ports(dypd_settings *settings) {
+    if (settings->ports != default_ports)
+        dyp_free(settings->ports);
+}
+
 // Returns 1 to go on with "ds_port", otherwise the load's final result.
 int load_ports(const char *path, dypd_settings *settings) {
     char *value = nullptr;
-    if (tq_cfg_get_ini_string(path, nullptr, "portnum", &value) < 0)
-        return 1;
+    int found = lookup(path, "portnum", &value);
+    if (found <= 0)
+        return found == 0 ? 1 : found;
     // A value of n bytes holds at most n / 2 + 1 numbers.
     size_t capacity = strlen(value) / 2 + 1;
     auto *list = static_cast<int32_t *>(dyp_malloc(capacity * sizeof(int32_t)));
@@ -101,8 +127,9 @@ int load_ports(const char *path, dypd_settings *settings) {
         dyp_free(list);
         return result;
     }
-    // The previous list is the built-in table or one the caller still
-    // owns, so it is left alone.
+    // The previous list is the built-in table or one an earlier load made;
+    // nothing else refers to it (the endpoints keep copies of their ports).
+    release_ports(settings);
     settings->ports = list;
     settings->port_count = count;
     return 1;
@@ -110,8 +137,9 @@ int load_ports(const char *path, dypd_settings *settings) {
 
 int load_primary_port(const char *path, dypd_settings *settings) {
     char *value = nullptr;
-    if (tq_cfg_get_ini_string(path, nullptr, "ds_port", &value) < 0)
-        return 0;
+    int found = lookup(path, "ds_port", &value);
+    if (found <= 0)
+        return found;
     converted port =
         value[0] == '\0' ? converted{conversion::not_a_number, 0} : convert_number(value);
     tq_cfg_release_string(value);
@@ -130,11 +158,25 @@ int dypd_configfile_load(dypd_settings *settings) {
         return 0;
     if (access(path, R_OK) < 0)
         return neg_errno();
-    load_name(path, "product", settings->identity.product_name);
-    load_name(path, "hostname", settings->identity.host_name);
-    load_bind_interfaces(path, settings);
-    int result = load_ports(path, settings);
+    int result = load_name(path, "product", settings->identity.product_name);
+    if (result == 0)
+        result = load_name(path, "hostname", settings->identity.host_name);
+    if (result == 0)
+        result = load_bind_interfaces(path, settings);
+    if (result < 0)
+        return result;
+    result = load_ports(path, settings);
     if (result != 1)
         return result;
     return load_primary_port(path, settings);
+}
+
+void dypd_configfile_release(dypd_settings *settings) {
+    release_ports(settings);
+    settings->ports = default_ports;
+    settings->port_count = 2;
+    if (settings->bind_interfaces == settings->loaded_bind_interfaces)
+        settings->bind_interfaces = network_interface_name;
+    tq_cfg_release_string(settings->loaded_bind_interfaces);
+    settings->loaded_bind_interfaces = nullptr;
 }

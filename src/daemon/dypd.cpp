@@ -14,6 +14,7 @@
 #include "lib/log.h"
 #include "lib/text.h"
 #include "lib/process.h"
+#include "lib/tqstdio.h"
 #include "protocol/command.h"
 
 namespace {
@@ -143,15 +144,16 @@ int install_signal_actions() {
     return 0;
 }
 
-// Builds the endpoints, the command registry and the device server.
-// Once the registry exists, a failure tears everything down again.
-int initialise_daemon(dypd_settings *settings) {
+} // namespace
+
+int dypd_initialise(dypd_settings *settings) {
     int result = dypd_build_endpoints(&dyp_daemon, settings);
-    if (result < 0)
-        return result;
-    result = dypd_command_init();
+    if (result == 0)
+        result = dypd_command_init();
     if (result < 0) {
-        dypd_cleanup(&dyp_daemon);
+        // The process ends next; what was built is freed all the same, so
+        // that a failed start leaves nothing behind.
+        dypd_release_endpoints(&dyp_daemon);
         return result;
     }
     settings->primary->header.settings = dyp_daemon.header.settings;
@@ -163,6 +165,8 @@ int initialise_daemon(dypd_settings *settings) {
     return result;
 }
 
+namespace {
+
 void report_initialisation_failure(int status) {
     if (status == -EPERM)
         dyp_log(LOG_ERR, "no permission to execute %s", PROGRAM_NAME);
@@ -171,7 +175,13 @@ void report_initialisation_failure(int status) {
 
 // Everything after the command line: returns the exit status.
 int run_daemon(dypd_settings *settings) {
-    if (dypd_configfile_load(settings) < 0 || settings->identity.host_name[0] == '\0') {
+    int loaded = dypd_configfile_load(settings);
+    if (loaded == -EFBIG) {
+        fprintf(stderr, dypd_config_refused, settings->config_path,
+                static_cast<unsigned>(TQ_CONFIG_MAX_SIZE));
+        fputc('\n', stderr);
+    }
+    if (loaded < 0 || settings->identity.host_name[0] == '\0') {
         fprintf(stderr, "Detected invalid configuration\n");
         return EXIT_STATUS_FAILED;
     }
@@ -189,7 +199,7 @@ int run_daemon(dypd_settings *settings) {
         dyp_log(LOG_ERR, "failed to create a pid file");
         return -EALREADY;
     }
-    int status = initialise_daemon(settings);
+    int status = dypd_initialise(settings);
     if (status < 0) {
         report_initialisation_failure(status);
         return status;
@@ -208,8 +218,7 @@ int dypd_main(int argc, char **argv) {
     if (status != CONTINUE_STARTUP)
         return status;
     status = run_daemon(&settings);
-    if (settings.ports != nullptr && settings.ports != default_ports)
-        dyp_free(settings.ports);
+    dypd_configfile_release(&settings);
     closelog();
     return status;
 }

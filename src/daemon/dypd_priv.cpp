@@ -6,6 +6,7 @@
 #include "ds/ds.h"
 #include "lib/alloc.h"
 #include "lib/log.h"
+#include "lib/tqstdio.h"
 #include "protocol/command.h"
 #include "protocol/handler.h"
 
@@ -65,8 +66,11 @@ int dypd_run(dyp_daemon_context *daemon, dypd_settings *settings) {
             return -1;
         if (dypd_sighap != 0) {
             dypd_sighap = 0;
-            // A reload that fails keeps whatever it had already applied.
-            (void)dypd_configfile_load(settings);
+            // A reload that fails keeps whatever it had already applied;
+            // only a refused file is worth telling the operator about.
+            if (dypd_configfile_load(settings) == -EFBIG)
+                dyp_log(LOG_ERR, dypd_config_refused, settings->config_path,
+                        static_cast<unsigned>(TQ_CONFIG_MAX_SIZE));
         }
         int ready = dypd_select(highest + 1, &readset, nullptr, timeout_ms, 1);
         if (ready < 0) {
@@ -97,13 +101,17 @@ void dypd_core_cleanup(dypd_udp_port *endpoint) {
     dyp_free(endpoint);
 }
 
+void dypd_release_endpoints(dyp_daemon_context *daemon) {
+    // Count and array pointer stay as they are: this runs once, at exit.
+    for (int32_t i = 0; i < daemon->endpoint_count && daemon->endpoints != nullptr; ++i)
+        dypd_core_cleanup(daemon->endpoints[i]);
+    dyp_free(daemon->endpoints);
+}
+
 void dypd_cleanup(dyp_daemon_context *daemon) {
     dypd_ds_cleanup();
     dypd_command_cleanup();
-    // Count and array pointer stay as they are: cleanup runs once, at exit.
-    for (int32_t i = 0; i < daemon->endpoint_count; ++i)
-        dypd_core_cleanup(daemon->endpoints[i]);
-    dyp_free(daemon->endpoints);
+    dypd_release_endpoints(daemon);
 }
 
 void dypd_signal_handler(int signal) {

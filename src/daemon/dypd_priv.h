@@ -21,6 +21,7 @@ struct dypd_settings {
     dypd_identity identity;         // product name, host name, status
     dypd_udp_port *primary;
     dypd_session *last_session;     // start-up only
+    char *loaded_bind_interfaces;   // the loader's "netif" value, while it owns one
 };
 
 extern const char network_interface_name[]; // "*"
@@ -38,10 +39,23 @@ struct dyp_daemon_context {
 extern dyp_daemon_context dyp_daemon;
 extern volatile sig_atomic_t dypd_sighap;
 
+// Start-up after the configuration is loaded: the endpoints, the command
+// registry, the device server and the signal actions, ready for dypd_run.
+// 0, or the failing step's negative errno with everything built taken
+// down again.
+int dypd_initialise(dypd_settings *settings);
 int dypd_run(dyp_daemon_context *daemon, dypd_settings *settings);
 void dypd_cleanup(dyp_daemon_context *daemon);
+// The endpoint half of dypd_cleanup: every endpoint and the array.
+void dypd_release_endpoints(dyp_daemon_context *daemon);
 void dypd_core_cleanup(dypd_udp_port *endpoint);
 void dypd_signal_handler(int signal);
 
-// Configuration file (config.cpp).
+// Configuration file (config.cpp). The loader owns the port list it made
+// and the "netif" value it kept; release frees both (at exit) and restores
+// the built-in port list and bind list.
 int dypd_configfile_load(dypd_settings *settings);
+void dypd_configfile_release(dypd_settings *settings);
+// printf format for a load that ended with -EFBIG: the path and
+// TQ_CONFIG_MAX_SIZE.
+extern const char dypd_config_refused[];

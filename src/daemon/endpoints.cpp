@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "lib/alloc.h"
+#include "lib/log.h"
 #include "protocol/advertise.h"
 #include "protocol/packet.h"
 
@@ -22,7 +23,8 @@ int open_endpoint(dypd_udp_port *endpoint, int32_t port) {
 }
 
 int prepare_buffers(dypd_udp_port *endpoint) {
-    endpoint->recv_buffer = static_cast<uint8_t *>(dyp_malloc(DYP_REQUEST_MAX));
+    // Zeroed, so that only datagrams ever leave bytes in it (see recv_filled).
+    endpoint->recv_buffer = static_cast<uint8_t *>(dyp_calloc(1, DYP_REQUEST_MAX));
     endpoint->send_buffer = static_cast<uint8_t *>(dyp_malloc(DYP_RESPONSE_MAX));
     if (endpoint->recv_buffer == nullptr || endpoint->send_buffer == nullptr)
         return -ENOMEM;
@@ -37,6 +39,9 @@ int build_endpoint(dypd_udp_port **slot, int32_t port, dypd_settings *settings) 
         return -ENOMEM;
     *slot = endpoint;
     int result = open_endpoint(endpoint, port);
+    if (result == -EMFILE)
+        dyp_log(LOG_ERR, "cannot watch the socket of port %d: select takes descriptors below %d",
+                port, FD_SETSIZE);
     if (result < 0)
         return result;
     result = prepare_buffers(endpoint);

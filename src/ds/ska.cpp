@@ -71,6 +71,11 @@ int dypd_ds_ska_init() {
         dyp_log(LOG_ERR, "cannot create a UDP socket (err: %d)", err);
         return err;
     }
+    if (!fd_selectable(socket_fd.get())) {
+        dyp_log(LOG_ERR, "cannot watch the SKA socket: select takes descriptors below %d",
+                FD_SETSIZE);
+        return -EMFILE;
+    }
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(SKA_PORT);

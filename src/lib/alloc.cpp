@@ -6,6 +6,7 @@ namespace {
 unsigned fail_countdown;
 bool fail_sticky;
 unsigned long allocations;
+long live_blocks;
 
 bool injected_failure() {
     ++allocations;
@@ -18,6 +19,12 @@ bool injected_failure() {
     }
     return false;
 }
+
+void *counted(void *block) {
+    if (block != nullptr)
+        ++live_blocks;
+    return block;
+}
 } // namespace
 
 void dyp_alloc_fail_after(unsigned nth, bool sticky) {
@@ -27,24 +34,32 @@ void dyp_alloc_fail_after(unsigned nth, bool sticky) {
 
 unsigned long dyp_alloc_count() { return allocations; }
 
+long dyp_alloc_live() { return live_blocks; }
+
 void *dyp_malloc(size_t size) {
     if (injected_failure())
         return nullptr;
-    return std::malloc(size == 0 ? 1 : size);
+    return counted(std::malloc(size == 0 ? 1 : size));
 }
 
 void *dyp_calloc(size_t count, size_t size) {
     if (injected_failure())
         return nullptr;
     if (count == 0 || size == 0)
-        return std::calloc(1, 1);
-    return std::calloc(count, size);
+        return counted(std::calloc(1, 1));
+    return counted(std::calloc(count, size));
 }
 
 void *dyp_realloc(void *ptr, size_t size) {
     if (injected_failure())
         return nullptr;
-    return std::realloc(ptr, size == 0 ? 1 : size);
+    void *block = std::realloc(ptr, size == 0 ? 1 : size);
+    // Growing a block keeps the count; only a new one adds to it.
+    return ptr == nullptr ? counted(block) : block;
 }
 
-void dyp_free(void *ptr) { std::free(ptr); }
+void dyp_free(void *ptr) {
+    if (ptr != nullptr)
+        --live_blocks;
+    std::free(ptr);
+}

@@ -19,6 +19,9 @@ void dyp_free(void *ptr);
 void dyp_alloc_fail_after(unsigned nth, bool sticky = false);
 // Number of allocations made since start (tests use it to find the N-th).
 unsigned long dyp_alloc_count();
+// Blocks handed out and not yet freed: tests compare it before and after a
+// path to prove that the path leaks nothing.
+long dyp_alloc_live();
 
 // Constructs a T in a block from dyp_malloc; null when memory runs out.
 template <typename T, typename... Args> T *dyp_new(Args &&...args) {

@@ -37,9 +37,13 @@ char *section_name(char *line) {
     return line + 1;
 }
 
-// Opens a configuration file for reading; null when it cannot be.
-FILE *open_for_reading(const char *path) {
-    return fopen(path, "re");
+// Opens a configuration file for reading within the reader's bound: a
+// file that cannot be opened gives -EIO; -EFBIG and -ENOMEM as they come.
+int open_for_reading(const char *path, FILE **stream) {
+    int result = tq_open_config(path, stream);
+    if (result == -EFBIG || result == -ENOMEM)
+        return result;
+    return result < 0 ? -EIO : 0;
 }
 
 // Hands every line of `stream` to `visit`, which returns a positive value
@@ -83,10 +87,11 @@ template <typename F> int read_section_pairs(FILE *stream, F &&take) {
 // released with `release` so that no partial result escapes.
 template <typename C, typename F>
 int fill_from_file(const char *path, C *container, C **out, F &&fill, void (*release)(C *)) {
-    int result = -EIO;
-    tq_stream file(open_for_reading(path));
-    if (file.get() != nullptr)
-        result = fill(file.get());
+    FILE *stream = nullptr;
+    int result = open_for_reading(path, &stream);
+    tq_stream file(stream);
+    if (result == 0)
+        result = fill(stream);
     if (result < 0) {
         release(container);
         return result;
@@ -148,10 +153,12 @@ int tq_cfg_get_ini_string(const char *path, const char *section, const char *key
                           char **value_out) {
     if (path == nullptr || key == nullptr || value_out == nullptr)
         return -EINVAL;
-    tq_stream file(open_for_reading(path));
-    if (file.get() == nullptr)
-        return -EIO;
-    int result = tq_cfg_seek_section(file.get(), section);
+    FILE *stream = nullptr;
+    int result = open_for_reading(path, &stream);
+    tq_stream file(stream);
+    if (result < 0)
+        return result;
+    result = tq_cfg_seek_section(file.get(), section);
     if (result < 0)
         return result;
     char *found = nullptr;
@@ -300,9 +307,11 @@ int rewrite_through(const char *path, FILE *source, char *temp_name, tqmap<tq_cf
 int tq_cfg_set_strings(const char *path, const char *temp_dir, tqmap<tq_cfg_pair> *map) {
     if (path == nullptr || temp_dir == nullptr || map == nullptr)
         return -EINVAL;
-    tq_stream source(open_for_reading(path));
-    if (source.get() == nullptr)
-        return neg_errno();
+    FILE *stream = nullptr;
+    int opened = tq_open_config(path, &stream);
+    tq_stream source(stream);
+    if (opened < 0)
+        return opened;
     // "<dir>/conf.tmp.XXXXXX": the separator, the template and its NUL.
     size_t name_size = std::strlen(temp_dir) + 18;
     auto *temp_name = static_cast<char *>(dyp_malloc(name_size));

@@ -8,6 +8,10 @@
 // value everything after it exactly as written. Every other line is skipped;
 // there is no comment syntax. Pairs before the first header belong to the
 // unnamed section, which a null or empty section name selects.
+//
+// Every function reads its file through tq_open_config: a file that is not
+// a regular file of at most TQ_CONFIG_MAX_SIZE (64 KiB) is refused with
+// -EFBIG before anything of it is read.
 #pragma once
 
 #include <cstdio>
@@ -35,8 +39,8 @@ int tq_cfg_seek_section(FILE *stream, const char *section);
 
 // A new heap copy of the first value of `key` in `section` of the file at
 // `path`, to be released with tq_cfg_release_string. -EINVAL for a null
-// path, key or output; -EIO when the file cannot be opened; -ENOENT when the
-// section or key is missing; -ENOMEM.
+// path, key or output; -EIO when the file cannot be opened; -EFBIG when it
+// is refused; -ENOENT when the section or key is missing; -ENOMEM.
 int tq_cfg_get_ini_string(const char *path, const char *section, const char *key, char **value_out);
 void tq_cfg_release_string(char *value);
 
@@ -58,7 +62,8 @@ void tq_cfg_release_section_list(tqlist<char> *list);
 // entry of `map` becomes "key=value", in every section; other lines are
 // copied; empty lines are dropped and line ends become LF. No key is added
 // and no lock taken. The temporary file is left behind when a write, the
-// flush or the rename fails. Returns 0; negative errno for a failed open;
+// flush or the rename fails. Returns 0; negative errno for a failed open
+// (-EFBIG for a refused file);
 // -ENOSPC for a failed write; -1 when the rename fails (logged at LOG_CRIT).
 // The rename only succeeds when `temp_dir` is on the file system of `path`.
 int tq_cfg_set_strings(const char *path, const char *temp_dir, tqmap<tq_cfg_pair> *map);

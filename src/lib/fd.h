@@ -2,6 +2,7 @@
 // close() of a descriptor appears in this file only.
 #pragma once
 
+#include <sys/select.h>
 #include <unistd.h>
 
 class unique_fd {
@@ -45,4 +46,11 @@ class unique_fd {
 inline void close_fd_slot(int &fd) {
     unique_fd owner(fd);
     fd = -1;
+}
+
+// select watches descriptors below FD_SETSIZE only; FD_SET of any other
+// writes past the set. A descriptor meant for the main loop's wait is
+// checked with this when it is opened and refused if it fails.
+inline bool fd_selectable(int fd) {
+    return fd >= 0 && fd < FD_SETSIZE;
 }

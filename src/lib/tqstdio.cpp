@@ -1,8 +1,14 @@
 #include "lib/tqstdio.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 
+#include "lib/fd.h"
 #include "lib/nerrno.h"
 
 namespace {
@@ -25,7 +31,78 @@ int grow_line(char **line, size_t *size) {
     *size *= 2;
     return 0;
 }
+// A configuration file's contents, read by a stdio stream.
+struct config_copy {
+    char *data;
+    size_t size;
+    size_t position;
+};
+
+ssize_t read_copy(void *cookie, char *buffer, size_t size) {
+    auto *copy = static_cast<config_copy *>(cookie);
+    size_t count = std::min(size, copy->size - copy->position);
+    std::memcpy(buffer, copy->data + copy->position, count);
+    copy->position += count;
+    return static_cast<ssize_t>(count);
+}
+
+int close_copy(void *cookie) {
+    auto *copy = static_cast<config_copy *>(cookie);
+    dyp_free(copy->data);
+    dyp_free(copy);
+    return 0;
+}
+
+// Reads at most the size that `fd` has now, and only from a regular file
+// within the bound.
+int read_bounded(int fd, config_copy *copy) {
+    struct stat status {};
+    if (fstat(fd, &status) < 0)
+        return neg_errno();
+    if (!S_ISREG(status.st_mode) || status.st_size < 0 ||
+        static_cast<uint64_t>(status.st_size) > TQ_CONFIG_MAX_SIZE)
+        return -EFBIG;
+    auto capacity = static_cast<size_t>(status.st_size);
+    copy->data = static_cast<char *>(dyp_malloc(capacity));
+    if (copy->data == nullptr)
+        return -ENOMEM;
+    while (copy->size < capacity) {
+        ssize_t got = read(fd, copy->data + copy->size, capacity - copy->size);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return neg_errno();
+        if (got == 0)
+            break; // the file shrank meanwhile
+        copy->size += static_cast<size_t>(got);
+    }
+    return 0;
+}
 } // namespace
+
+int tq_open_config(const char *path, FILE **stream_out) {
+    if (path == nullptr || stream_out == nullptr)
+        return -EINVAL;
+    // Without O_NONBLOCK, opening a FIFO would wait for a writer.
+    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd.valid())
+        return neg_errno();
+    auto *copy = static_cast<config_copy *>(dyp_calloc(1, sizeof(config_copy)));
+    if (copy == nullptr)
+        return -ENOMEM;
+    int result = read_bounded(fd.get(), copy);
+    if (result < 0) {
+        (void)close_copy(copy);
+        return result;
+    }
+    FILE *stream = fopencookie(copy, "r", {read_copy, nullptr, nullptr, close_copy});
+    if (stream == nullptr) {
+        (void)close_copy(copy);
+        return -ENOMEM;
+    }
+    *stream_out = stream;
+    return 0;
+}
 
 int _tq_getline(char **line, size_t *size, FILE *stream, int skip_empty) {
     if (line == nullptr || size == nullptr || stream == nullptr)

@@ -29,6 +29,19 @@ int tq_get_nlines(const char *path);
 // -ENOENT when the stream ends first.
 int tq_fgotoline(FILE *stream, int line_number);
 
+// The most a configuration read consumes. A configuration file is a
+// regular file of at most this many bytes, so that a path naming a FIFO, a
+// device or an endlessly growing file cannot hold the reader.
+constexpr size_t TQ_CONFIG_MAX_SIZE = 65536;
+
+// Opens the configuration file at `path` as a read-only stream over a
+// private copy of its contents, taken in one bounded read (a file that
+// grows meanwhile is read up to the size it had when opened). 0 with the
+// stream in `*stream_out`, to be closed with fclose; the negative errno of
+// the open; -EFBIG for anything but a regular file of at most
+// TQ_CONFIG_MAX_SIZE bytes; -ENOMEM.
+int tq_open_config(const char *path, FILE **stream_out);
+
 // Owns a line buffer used with _tq_getline and frees it at scope end.
 struct tq_line_buffer {
     char *data = nullptr;

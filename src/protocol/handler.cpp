@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <unistd.h>
 
 #include "lib/be.h"
@@ -44,6 +46,33 @@ struct request_context {
     int ifindex;
     uint32_t size;
 };
+
+// Milliseconds from `since` to `now` on the 32-bit clock. The clock wraps
+// about every 49.7 days and the difference is meant modulo 2^32; it is
+// computed in 64 bits, so that the wrap is explicit, not an overflow.
+uint32_t elapsed_ms(uint32_t now, uint32_t since) {
+    return static_cast<uint32_t>((uint64_t{now} + (uint64_t{1} << 32) - since) & UINT32_MAX);
+}
+
+// The length field of the last window: what is left of a result of `total`
+// bytes from `offset`, modulo 65536. An offset past the result wraps it on
+// purpose (as hosts expect); the sum stays positive, so nothing overflows.
+uint16_t window_rest(uint32_t total, uint16_t offset) {
+    return static_cast<uint16_t>((total + 0x10000u - offset) & UINT16_MAX);
+}
+
+// What a datagram does not fill may still hold an earlier one's bytes, and
+// a command reads the whole data area whatever the datagram's size: that
+// tail is zeroed. Only what the previous datagram filled beyond this one
+// needs it, so a run of requests of one size costs nothing. A failed
+// receive may have filled the whole buffer (a datagram too long for it is
+// read, then refused).
+void clear_stale_request(dypd_udp_port *endpoint, int received) {
+    uint32_t filled = received < 0 ? DYP_REQUEST_MAX : static_cast<uint32_t>(received);
+    if (endpoint->recv_filled > filled)
+        std::memset(endpoint->recv_buffer + filled, 0, endpoint->recv_filled - filled);
+    endpoint->recv_filled = filled;
+}
 
 bool in_progress(const dypd_session *session) {
     return session->command != nullptr && session->requester != nullptr;
@@ -103,7 +132,7 @@ outcome check_requester(request_context &ctx) {
 outcome start_session(request_context &ctx) {
     dypd_session *session = &ctx.endpoint->session;
     if (in_progress(session)) {
-        if (clock_now() - ctx.endpoint->header.last_activity < SESSION_GUARD_MS)
+        if (elapsed_ms(clock_now(), ctx.endpoint->header.last_activity) < SESSION_GUARD_MS)
             return outcome::silence;
         dypd_session_leave(session);
     }
@@ -179,7 +208,7 @@ outcome respond_read(request_context &ctx) {
     // An offset beyond the result wraps the length field; the datagram
     // itself carries no more than the window copied for this request, so it
     // never reaches past the transmit buffer nor repeats stale bytes.
-    auto rest = static_cast<uint16_t>(total - f.offset);
+    uint16_t rest = window_rest(total, f.offset);
     put_response(ctx, 0, f.offset, rest, std::min<uint32_t>(rest, f.length));
     return outcome::reply;
 }
@@ -287,6 +316,7 @@ void dypd_dyp_handler(dyp_daemon_context *daemon, dypd_udp_port *endpoint) {
     ctx.endpoint = endpoint;
     ctx.request = endpoint->recv_buffer;
     int received = receive_request(endpoint, &ctx.sender, &ctx.ifindex);
+    clear_stale_request(endpoint, received);
     if (received < static_cast<int>(DYP_REQUEST_HEADER_SIZE))
         return;
     uint8_t *request = endpoint->recv_buffer;

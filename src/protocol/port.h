@@ -17,6 +17,7 @@ using dypd_advertise_handler = int32_t (*)(const uint8_t *request, uint8_t *repl
 struct dypd_udp_port {
     dypd_endpoint_header header;
     uint8_t *recv_buffer; // DYP_REQUEST_MAX bytes
+    uint32_t recv_filled; // bytes of recv_buffer the last datagram may have filled
     uint8_t *send_buffer; // DYP_RESPONSE_MAX bytes
     dypd_session session;
     dypd_advertise_handler advertise;

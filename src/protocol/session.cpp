@@ -1,5 +1,6 @@
 #include "protocol/session.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -22,7 +23,7 @@ bool range_fits(uint32_t count, uint32_t position) {
 
 int dypd_session_init(dypd_session *session) {
     *session = dypd_session{};
-    session->buffer = static_cast<uint8_t *>(dyp_malloc(DYPD_SESSION_BUFFER_SIZE));
+    session->buffer = static_cast<uint8_t *>(dyp_calloc(1, DYPD_SESSION_BUFFER_SIZE));
     return session->buffer == nullptr ? -ENOMEM : 0;
 }
 
@@ -94,6 +95,13 @@ int dypd_session_get_data(const dypd_session *session, void *destination, uint32
                           uint32_t position) {
     if (session == nullptr || destination == nullptr || !range_fits(count, position))
         return -EINVAL;
-    std::memcpy(destination, session->buffer + position, count);
+    // Past `length` the buffer may still hold an earlier result or upload,
+    // perhaps another host's: that part of the range reads as zeros. Zeroing
+    // here costs nothing for windows inside the result, and no more than
+    // the window for one reaching past it, where clearing the buffer at
+    // every new result would cost up to 64 KiB per command.
+    uint32_t valid = position < session->length ? std::min(count, session->length - position) : 0;
+    std::memcpy(destination, session->buffer + position, valid);
+    std::memset(static_cast<uint8_t *>(destination) + valid, 0, count - valid);
     return 0;
 }

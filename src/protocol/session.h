@@ -28,5 +28,7 @@ uint8_t *dypd_session_get_buffer(dypd_session *session, uint32_t *capacity);
 void dypd_session_release_buffer(dypd_session *session, const uint8_t *buffer, uint32_t count);
 int dypd_session_put_data(dypd_session *session, const void *source, uint32_t count,
                           uint32_t position);
+// Copies [position, position + count) of the buffer; what lies past
+// `length` reads as zeros. -EINVAL when the range leaves the buffer.
 int dypd_session_get_data(const dypd_session *session, void *destination, uint32_t count,
                           uint32_t position);

@@ -83,6 +83,8 @@ int dypd_open_socket(dypd_endpoint_header *endpoint) {
     unique_fd socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket_fd.valid())
         return -EIO;
+    if (!fd_selectable(socket_fd.get()))
+        return -EMFILE;
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_addr.s_addr = htonl(INADDR_ANY);

@@ -38,6 +38,7 @@ struct dypd_endpoint_header {
 
 int dypd_init_socket(dypd_endpoint_header *endpoint, int32_t type);
 int dypd_set_udp_port(dypd_endpoint_header *endpoint, uint16_t port);
+// -EMFILE when the new socket's descriptor is one select cannot watch.
 int dypd_open_socket(dypd_endpoint_header *endpoint);
 void dypd_release_socket(dypd_endpoint_header *endpoint);
 void dypd_close_socket(dypd_endpoint_header *endpoint);

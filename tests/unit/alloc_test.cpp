@@ -17,3 +17,17 @@ TEST(AllocFailure, TheNthAllocationFailsOnceOrUntilDisarmedWhenSticky) {
     dyp_free(first);
     dyp_free(third);
 }
+
+TEST(AllocFailure, LiveBlocksCountWhatIsHeldNotWhatWasAskedFor) {
+    long before = dyp_alloc_live();
+    void *grown = dyp_realloc(nullptr, 8); // a new block
+    void *zeroed = dyp_calloc(0, 4);
+    grown = dyp_realloc(grown, 4096); // the same block, moved or not
+    dyp_alloc_fail_after(1);
+    EXPECT_EQ(dyp_malloc(16), nullptr);
+    EXPECT_EQ(dyp_alloc_live(), before + 2) << "a failed allocation holds nothing";
+    dyp_free(nullptr);
+    dyp_free(grown);
+    dyp_free(zeroed);
+    EXPECT_EQ(dyp_alloc_live(), before);
+}

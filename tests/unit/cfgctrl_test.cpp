@@ -1,6 +1,7 @@
 #include "lib/cfgctrl.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -8,8 +9,10 @@
 #include <gtest/gtest.h>
 
 #include "lib/alloc.h"
+#include "lib/tqstdio.h"
 #include "support/log_capture.h"
 #include "support/netns.h"
+#include "support/time_limit.h"
 
 namespace {
 
@@ -110,4 +113,30 @@ TEST_F(CfgFile, SetStringsLeavesTheTemporaryFileWhenTheRenameFails) {
     const std::string temp = shm_dir + "/conf.tmp.";
     EXPECT_EQ(log.count(LOG_CRIT, "Rename config file fail master " + path_ + " tmp " + temp), 1);
     (void)run_shell("rm -rf " + shm_dir);
+}
+
+// A path naming a FIFO, a device or a file beyond the bound must not hold
+// the reader: every reader refuses it before reading anything.
+TEST_F(CfgFile, EveryReaderRefusesAnythingButABoundedRegularFile) {
+    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    auto lookup = [](const char *path) {
+        return [path] {
+            char *found = nullptr;
+            int result = tq_cfg_get_ini_string(path, nullptr, "product", &found);
+            tq_cfg_release_string(found);
+            return result;
+        };
+    };
+    EXPECT_EQ(run_with_time_limit(lookup(path_.c_str())), -EFBIG) << "a FIFO without writer";
+    EXPECT_EQ(run_with_time_limit(lookup("/dev/zero")), -EFBIG);
+    ASSERT_EQ(unlink(path_.c_str()), 0);
+    tqmap<tq_cfg_pair> *map = nullptr;
+    write("product=x\n" + std::string(TQ_CONFIG_MAX_SIZE - 9, '#'));
+    EXPECT_EQ(tq_cfg_get_section(path_.c_str(), nullptr, &map), -EFBIG);
+    EXPECT_EQ(map, nullptr);
+    tqmap<tq_cfg_pair> *empty = tqmap_create<tq_cfg_pair>(strcmp);
+    EXPECT_EQ(tq_cfg_set_strings(path_.c_str(), dir_.c_str(), empty), -EFBIG);
+    tq_cfg_release_section(empty);
+    write("product=x\n" + std::string(TQ_CONFIG_MAX_SIZE - 10, '#'));
+    EXPECT_EQ(value(nullptr, "product"), "x") << "exactly the bound is read";
 }

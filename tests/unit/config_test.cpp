@@ -3,10 +3,16 @@
 #include <cerrno>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "lib/alloc.h"
 #include "lib/cfgctrl.h"
+#include "lib/tqstdio.h"
+#include "support/time_limit.h"
+
+int dypd_main(int argc, char **argv);
 
 namespace {
 
@@ -22,11 +28,7 @@ class ConfigFile : public ::testing::Test {
     }
     // Frees what earlier loads allocated and restores the settings before the file.
     void reset() {
-        if (settings.bind_interfaces != network_interface_name &&
-            settings.bind_interfaces != command_line_list)
-            tq_cfg_release_string(const_cast<char *>(settings.bind_interfaces));
-        if (settings.ports != default_ports)
-            dyp_free(settings.ports);
+        dypd_configfile_release(&settings);
         settings = {.config_path = path.c_str(),
                     .bind_interfaces = network_interface_name,
                     .ports = default_ports,
@@ -44,6 +46,18 @@ class ConfigFile : public ::testing::Test {
         for (int i = 0; i < settings.port_count; ++i)
             text += std::to_string(settings.ports[i]) + ",";
         return text + "|" + std::to_string(settings.primary_port);
+    }
+
+    // Runs the program's start-up on `path` in debug mode; its standard error.
+    std::string start_up() {
+        std::vector<std::string> args{"dypd", "-d", "-f", path};
+        std::vector<char *> argv;
+        for (std::string &arg : args)
+            argv.push_back(arg.data());
+        optind = 0;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(dypd_main(static_cast<int>(argv.size()), argv.data()), 1);
+        return testing::internal::GetCapturedStderr();
     }
 
     std::string path = "/tmp/dypd-config-" + std::to_string(getpid());
@@ -92,4 +106,39 @@ TEST_F(ConfigFile, NumberRules) {
         EXPECT_EQ(load(c.text), c.result) << c.text;
         EXPECT_EQ(summary(), std::string("||*|") + c.numbers) << c.text;
     }
+}
+
+// A daemon reloads on every hang-up for as long as it runs: the lists a
+// load makes must not pile up, and at exit nothing the loader kept remains.
+TEST_F(ConfigFile, ReloadsReplaceTheirListsAndTheLoaderKeepsNothingAfterRelease) {
+    const long before = dyp_alloc_live();
+    ASSERT_EQ(load("netif=eth0\nportnum=19550,19551\n"), 0);
+    const long loaded = dyp_alloc_live();
+    EXPECT_EQ(loaded, before + 2) << "the port list and the netif value";
+    for (int reload = 0; reload < 1000; ++reload)
+        ASSERT_EQ(dypd_configfile_load(&settings), 0);
+    EXPECT_EQ(dyp_alloc_live(), loaded);
+    EXPECT_EQ(summary(), "||eth0|19550,19551,|19540");
+    dypd_configfile_release(&settings);
+    EXPECT_EQ(dyp_alloc_live(), before);
+    EXPECT_EQ(settings.bind_interfaces, network_interface_name);
+
+    // The same at the exit of the program, here after a refused configuration.
+    std::ofstream(path) << "netif=eth0\nportnum=19550\nds_port=99999999999\n";
+    EXPECT_EQ(start_up(), "Detected invalid configuration\n");
+    EXPECT_EQ(dyp_alloc_live(), before);
+}
+
+// A configuration path naming a FIFO (opening it waits for a writer) or an
+// endless device must not hold start-up or a reload: it is refused and said so.
+TEST_F(ConfigFile, AFileThatCouldNeverEndIsRefusedAndSaidSo) {
+    (void)unlink(path.c_str());
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(run_with_time_limit([this] { return dypd_configfile_load(&settings); }), -EFBIG);
+    const std::string said = "the config file " + path + " is not a regular file of at most " +
+                             std::to_string(TQ_CONFIG_MAX_SIZE) +
+                             " bytes\nDetected invalid configuration\n";
+    EXPECT_EQ(run_with_time_limit([&] { return start_up() == said ? 0 : -EPROTO; }), 0);
+    settings.config_path = "/dev/zero";
+    EXPECT_EQ(run_with_time_limit([this] { return dypd_configfile_load(&settings); }), -EFBIG);
 }

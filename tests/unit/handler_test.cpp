@@ -16,18 +16,25 @@
 namespace {
 using bytes = std::vector<uint8_t>;
 
+bytes operator+(bytes head, const bytes &tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
 // What the test command, clock, sleep and advertise handler share.
 struct {
     uint32_t result_size, size_given, now;
     int calls, advertise_result;
     std::vector<uint32_t> sleeps;
+    bytes data_area; // the request's data area as the last command saw it
 } fake;
 
 // Writes `result_size` bytes, byte i being i % 251 (so that no two windows
 // look alike), and returns their count.
-int32_t produce(dypd_session *, const uint8_t *, uint8_t *buffer, uint32_t size) {
+int32_t produce(dypd_session *, const uint8_t *request, uint8_t *buffer, uint32_t size) {
     ++fake.calls;
     fake.size_given = size;
+    fake.data_area.assign(request + DYP_REQ_DATA, request + DYP_REQUEST_MAX);
     for (uint32_t i = 0; i < fake.result_size; ++i)
         buffer[i] = static_cast<uint8_t>(i % 251);
     return static_cast<int32_t>(fake.result_size);
@@ -56,7 +63,7 @@ bytes reply(std::initializer_list<uint16_t> header, uint32_t from = 0, uint32_t 
 class HandlerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        fake = {1200, 0, 100000, 0, 0, {}};
+        fake = {1200, 0, 100000, 0, 0, {}, {}};
         dypd_handler_set_clock([] { return fake.now; },
                                [](uint32_t us) { fake.sleeps.push_back(us); });
         ASSERT_EQ(dypd_command_init(), 0);
@@ -134,6 +141,32 @@ TEST_F(HandlerTest, UploadRunsTheCommandAtEndAndExecAtStart) {
     EXPECT_FALSE(ep->session.requester);
 }
 
+// Neither an earlier result (another host's device list) nor an earlier
+// request may reach a host or a command: a window past the result reads
+// zeros, and so does the data area past a short datagram.
+TEST_F(HandlerTest, NoByteOfAnEarlierResultOrRequestIsHandedOn) {
+    ASSERT_TRUE(ask(a, DYP_TYPE_START, "GET READ", 0, 512));
+    ASSERT_TRUE(ask(a, DYP_TYPE_END, "", 0, 0));
+    fake.result_size = 10;
+    EXPECT_EQ(ask(b, DYP_TYPE_START, "GET READ", 0, 512), reply({1, 0, 0, 10}, 0, 10));
+    auto past = ask(b, DYP_TYPE_DATA, "", 600, 512);
+    ASSERT_TRUE(past);
+    EXPECT_EQ(*past, (reply({2, 0, 600, 65536 + 10 - 600}) + bytes(512, 0))) << "sizes as before";
+    ASSERT_TRUE(ask(b, DYP_TYPE_END, "", 0, 0));
+
+    const bytes zeros(DYP_EXEC_DATA_SIZE, 0);
+    ASSERT_TRUE(ask(a, DYP_TYPE_START, "EXEC RUN", 0, 0, DYP_REQUEST_MAX, 'u'));
+    EXPECT_EQ(fake.data_area, bytes(DYP_EXEC_DATA_SIZE, 'u'));
+    ASSERT_TRUE(ask(a, DYP_TYPE_END, "", 0, 0));
+    ASSERT_TRUE(ask(a, DYP_TYPE_START, "EXEC RUN", 0, 0, DYP_REQUEST_HEADER_SIZE + 2, 'v'));
+    EXPECT_EQ(fake.data_area, (bytes{'v', 'v'} + bytes(DYP_EXEC_DATA_SIZE - 2, 0)));
+    ASSERT_TRUE(ask(a, DYP_TYPE_END, "", 0, 0));
+    // A datagram too long for the buffer is read into it, then refused.
+    EXPECT_FALSE(ask(b, DYP_TYPE_START, "EXEC RUN", 0, 0, DYP_REQUEST_MAX + 90, 'o'));
+    ASSERT_TRUE(ask(a, DYP_TYPE_START, "EXEC RUN", 0, 0));
+    EXPECT_EQ(fake.data_area, zeros);
+}
+
 TEST_F(HandlerTest, EndWithoutSessionIsLoggedAndInvalidTypesAbandonIt) {
     EXPECT_FALSE(ask(a, DYP_TYPE_END, "GET READ", 0, 512)) << "no session";
     EXPECT_EQ(log.count(LOG_ERR, "session is NOT in progress or other cause, cond 3"), 1);
@@ -146,7 +179,9 @@ TEST_F(HandlerTest, EndWithoutSessionIsLoggedAndInvalidTypesAbandonIt) {
     EXPECT_EQ(log.count(LOG_ERR, ""), 1) << "abandoning logs nothing";
 }
 
+// The clock wraps between the two: the difference is taken modulo 2^32.
 TEST_F(HandlerTest, AnotherStartIsDroppedAt500msAndDisplacesAt501ms) {
+    fake.now = UINT32_MAX - 200;
     ASSERT_TRUE(ask(a, DYP_TYPE_START, "GET READ", 0, 512));
     fake.now += 500;
     EXPECT_FALSE(ask(b, DYP_TYPE_START, "GET READ", 0, 512));

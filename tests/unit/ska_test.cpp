@@ -5,6 +5,7 @@
 #include "ds/ska.h"
 #include "lib/be.h"
 #include "lib/fd.h"
+#include "support/descriptor_fill.h"
 #include "support/fake_ds_module.h"
 
 static std::vector<uint8_t> ska_packet(const std::vector<std::string> &names,
@@ -77,5 +78,21 @@ TEST_F(Ska, NamesAreEchoedAndPassedOnCutTo15AndMalformedPacketsIgnored) {
     auto unterminated = ska_packet({"usb1", "usb2"}, false);
     EXPECT_EQ(exchange(unterminated), unterminated);
     EXPECT_EQ(first.keep_alive_calls.size(), 10u); // since then, the markers only
+    dypd_ds_ska_cleanup();
+}
+
+TEST_F(Ska, ASocketAtOrAboveFdSetsizeIsRefused) {
+    log_capture log;
+    {
+        descriptor_fill fill;
+        ASSERT_TRUE(fill.ok()) << "cannot raise the descriptor limit";
+        EXPECT_EQ(dypd_ds_ska_init(), -EMFILE);
+    }
+    EXPECT_EQ(dypd_ds_ska_get_fd(), -1);
+    EXPECT_EQ(log.count(LOG_ERR, "cannot watch the SKA socket: select takes descriptors below " +
+                                     std::to_string(FD_SETSIZE)),
+              1);
+    ASSERT_EQ(dypd_ds_ska_init(), 0);
+    EXPECT_LT(dypd_ds_ska_get_fd(), FD_SETSIZE);
     dypd_ds_ska_cleanup();
 }
