@@ -60,9 +60,13 @@ int build_endpoint(dypd_udp_port **slot, int32_t port, dypd_settings *settings) 
         if (result < 0)
             return result;
     }
-    // An interface that cannot be resolved never decides a verdict, and
-    // link-local addressing is not managed here: neither result matters.
-    (void)dypd_set_bind_interface(&endpoint->header, settings->bind_interfaces);
+    // Without its bind list the endpoint would answer on every interface,
+    // also those the operator excluded: running out of memory here ends
+    // start-up. The only other failure is a null argument, which cannot
+    // happen here. Link-local addressing is not managed here.
+    result = dypd_set_bind_interface(&endpoint->header, settings->bind_interfaces);
+    if (result < 0)
+        return result;
     (void)dypd_check_link_local_address(&endpoint->header);
     return 0;
 }

@@ -7,7 +7,10 @@
 uint32_t dypd_get_systime() {
     timeval now{};
     (void)gettimeofday(&now, nullptr);
-    return static_cast<uint32_t>(now.tv_sec) * 1000u + static_cast<uint32_t>(now.tv_usec / 1000);
+    // Computed in 64 bits and cut to 32 on purpose: the wrap is explicit.
+    uint64_t ms =
+        static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_usec) / 1000u;
+    return static_cast<uint32_t>(ms & UINT32_MAX);
 }
 
 long dypd_str_to_long(const char *text, long *out, int base) {
