@@ -9,7 +9,6 @@
 #include "daemon/dypd_priv.h"
 #include "daemon/endpoints.h"
 #include "ds/ds.h"
-#include "lib/alloc.h"
 #include "lib/fd.h"
 #include "lib/log.h"
 #include "lib/text.h"

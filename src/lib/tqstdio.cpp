@@ -31,6 +31,7 @@ int grow_line(char **line, size_t *size) {
     *size *= 2;
     return 0;
 }
+
 // A configuration file's contents, read by a stdio stream.
 struct config_copy {
     char *data;
