@@ -178,18 +178,23 @@ if [ $ready -ne 1 ]; then
     exit 1
 fi
 
-capture=$results/capture.pcapng
-ip netns exec "$host_ns" dumpcap -q -i host0 -f "udp and ip" -w "$capture" \
-    2>"$work/dumpcap.err" &
+# tcpdump writes each packet as it comes (-U --immediate-mode); the
+# capture becomes pcapng afterwards.
+raw_capture=$work/capture.pcap
+ip netns exec "$host_ns" tcpdump -i host0 -n -U --immediate-mode -Z root -w "$raw_capture" \
+    udp and ip 2>"$work/tcpdump.err" &
 capture_pid=$!
-for _ in $(seq 1 100); do
-    grep -q "Capturing on" "$work/dumpcap.err" 2>/dev/null && break
-    kill -0 "$capture_pid" 2>/dev/null || break
-    sleep 0.05
-done
-if ! grep -q "Capturing on" "$work/dumpcap.err"; then
-    echo "make-example-capture.sh: dumpcap did not start:" >&2
-    cat "$work/dumpcap.err" >&2
+wait_for() { # PATTERN FILE: up to 5 s
+    for _ in $(seq 1 100); do
+        grep -q "$1" "$2" 2>/dev/null && return 0
+        kill -0 "$capture_pid" 2>/dev/null || return 1
+        sleep 0.05
+    done
+    return 1
+}
+if ! wait_for "listening on" "$work/tcpdump.err"; then
+    echo "make-example-capture.sh: tcpdump did not start:" >&2
+    cat "$work/tcpdump.err" >&2
     exit 1
 fi
 
@@ -220,9 +225,16 @@ step connect-refused 1 connect "$box_ip" scanner4
 step disconnect 0 disconnect "$box_ip" scanner2
 step keepalive 0 keepalive "$box_ip" scanner1 scanner2
 
+# The keep-alive echo is the last packet; stop once tcpdump has it.
+for _ in $(seq 1 100); do
+    [ -n "$(tcpdump -r "$raw_capture" -n udp src port 49235 2>/dev/null)" ] && break
+    sleep 0.05
+done
 kill -INT "$capture_pid"
 wait "$capture_pid" || true
 capture_pid=
+capture=$results/capture.pcapng
+editcap -F pcapng "$raw_capture" "$capture"
 
 if [ -z "$out" ]; then
     cp "$capture" docs/example.pcapng
