@@ -186,6 +186,7 @@ local ef = {
     params = ProtoExpert.new("dyp.expert.params", "Bad command parameters", E.PROTOCOL, S.WARN),
     unknown_command = ProtoExpert.new("dyp.expert.unknown_command", "Command unknown to the box", E.PROTOCOL, S.WARN),
     truncated = ProtoExpert.new("dyp.expert.truncated", "Result truncated", E.MALFORMED, S.ERROR),
+    bad_result = ProtoExpert.new("dyp.expert.bad_result", "Result does not decode", E.MALFORMED, S.ERROR),
     trailing = ProtoExpert.new("dyp.expert.trailing", "Bytes after the result", E.MALFORMED, S.WARN),
     count = ProtoExpert.new("dyp.expert.count", "Count byte and entries disagree", E.PROTOCOL, S.NOTE),
     gap = ProtoExpert.new("dyp.expert.gap", "Windows of the result missing", E.SEQUENCE, S.WARN),
@@ -314,7 +315,7 @@ local function decode_ok_ng(tvb, tree)
         tree:add(f.exec_result, tvb(0, 3), raw:sub(1, 2))
         return raw:sub(1, 2)
     end
-    tree:add_proto_expert_info(ef.truncated, "Expected \"OK\" or \"NG\" and a NUL, got "
+    tree:add_proto_expert_info(ef.bad_result, "Expected \"OK\" or \"NG\" and a NUL, got "
         .. #raw .. " other bytes")
     return nil
 end
@@ -443,7 +444,7 @@ local function decode_usb_port_name(tvb, tree)
         range, name = r:text(IFNAME_SIZE, "the interface name")
         if range then tree:add(f.usbport_name, range, name) end
     elseif found:uint() ~= 0 then
-        tree:add_tvb_expert_info(ef.truncated, found, "Found flag is neither 0 nor 1")
+        tree:add_tvb_expert_info(ef.bad_result, found, "Found flag is neither 0 nor 1")
         return nil
     end
     if r.ok and r:left() > 0 then
