@@ -523,11 +523,13 @@ void write_pcap(const std::string &path, const std::vector<datagram> &datagrams)
     }
 }
 
-// A datagram and the expert info it must raise.
+// A datagram and the expert info it must raise, or, for a datagram at the
+// edge of what is well-formed, must not raise.
 struct malformed_case {
     std::string what;
     datagram d;
     std::string expert;
+    bool flagged = true;
 };
 
 datagram to_box(const bytes &payload, uint16_t host_port = HOST_PORT, uint16_t box_port = 19540) {
@@ -539,8 +541,8 @@ datagram from_box(const bytes &payload, uint16_t host_port = HOST_PORT, uint16_t
 
 // Runs the cases through tshark, each case's datagram preceded by the
 // well-formed `lead` datagrams it needs (a START for a reply), and checks
-// that the case's frame carries its expert info and that no frame made
-// the dissector fail.
+// that the case's frame carries its expert info (or not) and that no frame
+// made the dissector fail.
 void expect_flagged(const std::vector<std::pair<std::vector<datagram>, malformed_case>> &cases) {
     std::vector<datagram> all;
     std::vector<size_t> last_frame;
@@ -566,7 +568,8 @@ void expect_flagged(const std::vector<std::pair<std::vector<datagram>, malformed
     }
     for (size_t i = 0; i < cases.size(); ++i) {
         const auto &c = cases[i].second;
-        EXPECT_TRUE(d.frames[last_frame[i] - 1].has(c.expert)) << c.what << ": no " << c.expert;
+        EXPECT_EQ(d.frames[last_frame[i] - 1].has(c.expert), c.flagged)
+            << c.what << (c.flagged ? ": no " : ": ") << c.expert;
     }
 }
 
@@ -589,6 +592,10 @@ TEST(MalformedDatagrams, RequestsThatTheBoxDropsOrRefusesAreFlagged) {
         {{}, {"unknown command", to_box(request(1, "GET FIRMWARE")), "dyp.expert.unknown_command"}},
         {{}, {"window past 65536", to_box(request(1, "GET USB_DEVICE_LIST", 65400, 512)),
               "dyp.expert.window"}},
+        {{}, {"window past 65536 once cut to 512",
+              to_box(request(1, "GET USB_DEVICE_LIST", 65025, 1000)), "dyp.expert.window"}},
+        {{}, {"window ending at 65536 once cut to 512",
+              to_box(request(1, "GET USB_DEVICE_LIST", 65024, 1000)), "dyp.expert.window", false}},
         {{}, {"connect with format 2", to_box(request(1, connect_block(2, std::string("s1\0", 3)))),
               "dyp.expert.params"}},
         {{}, {"connect without its block", to_box(request(1, "EXEC SCANNER CONNECT")),
@@ -599,6 +606,9 @@ TEST(MalformedDatagrams, RequestsThatTheBoxDropsOrRefusesAreFlagged) {
               "dyp.expert.params"}},
         {{}, {"status of a 20-character interface",
               to_box(request(1, "GET SCANNER_STATUS:" + std::string(20, 'x'))), "dyp.expert.cut"}},
+        {{}, {"status of a 15-character interface",
+              to_box(request(1, "GET SCANNER_STATUS:" + std::string(15, 'x'))), "dyp.expert.cut",
+              false}},
     });
 }
 
@@ -629,6 +639,9 @@ TEST(MalformedDatagrams, ResponsesWhoseLengthsDoNotAddUpAreFlagged) {
         {started("GET SCANNER PORT_NAME", 40103),
          {"window past 65536", from_box(response(2, 0, 65530, 10, bytes(10, 0)), 40103),
           "dyp.expert.window"}},
+        {started("GET SCANNER PORT_NAME", 40107),
+         {"window ending at 65536", from_box(response(2, 0, 65526, 10, bytes(10, 0)), 40107),
+          "dyp.expert.window", false}},
         {started("GET SCANNER PORT_NAME", 40104),
          {"more follows, nothing came", from_box(response(1, 1, 0, 0, {}), 40104),
           "dyp.expert.empty_window"}},
@@ -687,8 +700,10 @@ TEST(MalformedDatagrams, KeepAlivesThatTheBoxIgnoresOrDoesNotActOnAreFlagged) {
         {{}, {"name without NUL", ska(ska_packet(7, 0x4B41, "abc")), "ska.expert.unterminated"}},
         {{}, {"names not closed", ska(ska_packet(8, 0x4B41, std::string("abc\0", 4))),
               "ska.expert.no_end"}},
-        {{}, {"name of 20 characters", ska(ska_packet(26, 0x4B41, std::string(20, 'n') + std::string(2, '\0'))),
+        {{}, {"name of 16 characters", ska(ska_packet(22, 0x4B41, std::string(16, 'n') + std::string(2, '\0'))),
               "ska.expert.cut"}},
+        {{}, {"name of 15 characters", ska(ska_packet(21, 0x4B41, std::string(15, 'n') + std::string(2, '\0'))),
+              "ska.expert.cut", false}},
         {{}, {"bytes after the empty name",
               ska(ska_packet(12, 0x4B41, std::string("ab\0\0xy\0\0", 8))), "ska.expert.trailing"}},
         {{}, {"4085 bytes", ska(ska_packet(4085, 0x4B41, std::string(4081, '\0'))),
