@@ -44,7 +44,7 @@ fi
 
 if [ -z "$build" ]; then
     . scripts/lib.sh
-    install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux tshark
+    install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux tshark tcpdump
     echo "== building (build-demo)"
     cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
     cmake --build build-demo --target dypd dypctl dypsim_preload -j 2 >/dev/null
