@@ -857,10 +857,6 @@ end
 
 local function dissect_response(tvb, pinfo, tree)
     local size = tvb:len()
-    if size == 0 then
-        pinfo.cols.info:set("Empty answer to an advertise request")
-        return
-    end
     if size >= 4 and tvb:raw(0, 2) == ADVERTISE_REPLY_TYPE and tvb:raw(2, 2) == ADVERTISE_MARKER then
         dissect_advertise_reply(tvb, pinfo, tree)
         return
