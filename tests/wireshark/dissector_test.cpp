@@ -604,6 +604,7 @@ TEST(MalformedDatagrams, RequestsThatTheBoxDropsOrRefusesAreFlagged) {
               to_box(request(1, connect_block(1, std::string(60, 'n')))), "dyp.expert.unterminated"}},
         {{}, {"port query of 4 bytes", to_box(request(1, "GET USB_PORT_NAME", 0, 512, bytes(4, 1))),
               "dyp.expert.params"}},
+        {{}, {"port query without data", to_box(request(1, "GET USB_PORT_NAME")), "dyp.expert.params"}},
         {{}, {"status of a 20-character interface",
               to_box(request(1, "GET SCANNER_STATUS:" + std::string(20, 'x'))), "dyp.expert.cut"}},
         {{}, {"status of a 15-character interface",

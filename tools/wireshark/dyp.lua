@@ -687,7 +687,10 @@ end
 
 local function dissect_request(tvb, pinfo, tree)
     local size = tvb:len()
-    if size < 2 then
+    if size < REQUEST_HEADER_SIZE then
+        if size >= 2 then
+            tree:add(f.type, tvb(REQ_TYPE, 2))
+        end
         tree:add_proto_expert_info(ef.short, "Request of " .. size
             .. " bytes, shorter than the 88-byte header: the box drops it")
         pinfo.cols.info:set("Short request")
@@ -696,12 +699,6 @@ local function dissect_request(tvb, pinfo, tree)
     local kind = tvb(REQ_TYPE, 2):uint()
     local type_item = tree:add(f.type, tvb(REQ_TYPE, 2))
     local type_name = TYPE_NAMES[kind] or ("type " .. kind)
-    if size < REQUEST_HEADER_SIZE then
-        tree:add_proto_expert_info(ef.short, "Request of " .. size
-            .. " bytes, shorter than the 88-byte header: the box drops it")
-        pinfo.cols.info:set(type_name .. " (short request)")
-        return
-    end
     if size > REQUEST_MAX then
         tree:add_proto_expert_info(ef.oversize, "Request of " .. size
             .. " bytes: the box refuses anything larger than 510")
@@ -780,12 +777,12 @@ local function dissect_request(tvb, pinfo, tree)
     if kind == TYPE_START or kind == TYPE_DATA then
         info = info .. string.format(" offset=%d length=%d", offset, length)
     end
+    local data_item = tree
     if size > REQUEST_HEADER_SIZE then
-        local data = tvb(REQ_DATA, size - REQ_DATA)
-        local data_item = tree:add(f.data, data)
-        if kind == TYPE_START and command and command.query then
-            command.query(tvb, data_item)
-        end
+        data_item = tree:add(f.data, tvb(REQ_DATA, size - REQ_DATA))
+    end
+    if kind == TYPE_START and command and command.query then
+        command.query(tvb, data_item)
     end
     pinfo.cols.info:set(info)
 end
