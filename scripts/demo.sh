@@ -72,16 +72,7 @@ DYPSIM_PRELOAD=$preload DYPSIM_DEVICES=$devices DYPD=$dypd DYPD_CONF=$work/dypd.
     >"$work/dypd.log" 2>&1 &
 daemon_pid=$!
 
-# Ready when the box answers discovery.
-ready=0
-for _ in $(seq 1 50); do
-    if ip netns exec "$host_ns" "$dypctl" discover --interface "$host_if" --timeout 0.2 >/dev/null 2>&1; then
-        ready=1
-        break
-    fi
-    kill -0 "$daemon_pid" 2>/dev/null || break
-done
-if [ $ready -ne 1 ]; then
+if ! box_answers "$dypctl" "$host_ns" "$host_if" "$daemon_pid"; then
     echo "demo.sh: the daemon did not answer; its output:" >&2
     cat "$work/dypd.log" >&2
     exit 1

@@ -42,8 +42,8 @@ if [ "$(id -u)" -ne 0 ]; then
     exit 2
 fi
 
+. scripts/lib.sh
 if [ -z "$build" ]; then
-    . scripts/lib.sh
     install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux tshark tcpdump
     echo "== building (build-demo)"
     cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -164,15 +164,7 @@ DYPSIM_PRELOAD=$preload DYPSIM_DEVICES=$devices DYPSIM_LOG=$results/dypsim.log \
 daemon_pid=$!
 
 # Ready when the box answers discovery (before the capture starts).
-ready=0
-for _ in $(seq 1 50); do
-    if ip netns exec "$host_ns" "$dypctl" discover --interface host0 --timeout 0.2 >/dev/null 2>&1; then
-        ready=1
-        break
-    fi
-    kill -0 "$daemon_pid" 2>/dev/null || break
-done
-if [ $ready -ne 1 ]; then
+if ! box_answers "$dypctl" "$host_ns" host0 "$daemon_pid"; then
     echo "make-example-capture.sh: the daemon did not answer; its output:" >&2
     cat "$results/dypd.log" >&2
     exit 1
