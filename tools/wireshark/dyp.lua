@@ -81,7 +81,7 @@ local f = {
     offset = ProtoField.uint16("dyp.offset", "Offset"),
     length = ProtoField.uint16("dyp.length", "Length"),
     status = ProtoField.uint16("dyp.status", "Status", base.DEC,
-        { [0] = "complete", [1] = "more follows" }),
+        { [0] = "nothing after this window", [1] = "result bytes remain after this window" }),
     data = ProtoField.bytes("dyp.data", "Data"),
     request_in = ProtoField.framenum("dyp.request_in", "Start of this transfer in"),
     response_to = ProtoField.framenum("dyp.response_to", "Response to"),
