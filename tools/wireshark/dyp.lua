@@ -247,8 +247,9 @@ end
 local Reader = {}
 Reader.__index = Reader
 
-local function reader(tvb, tree)
-    return setmetatable({ tvb = tvb, tree = tree, pos = 0, ok = true }, Reader)
+-- A reader of `tvb` from `pos` (default 0) that flags problems on `tree`.
+local function reader(tvb, tree, pos)
+    return setmetatable({ tvb = tvb, tree = tree, pos = pos or 0, ok = true }, Reader)
 end
 
 function Reader:left()
@@ -333,7 +334,7 @@ local function decode_device_list(extended)
         while r.ok and r:left() > 0 do
             local start = r.pos
             local entry = tree:add(f.dev_entry, tvb(start, 1))
-            local er = setmetatable({ tvb = tvb, tree = entry, pos = start, ok = true }, Reader)
+            local er = reader(tvb, entry, start)
             local name_range, name = er:text(IFNAME_SIZE, "the interface name")
             if name_range then entry:add(f.dev_name, name_range, name) end
             local desc_range, desc = er:text(DESCRIPTION_SIZE, "the description")
