@@ -66,55 +66,13 @@ hostname=demobox
 netif=$box_if
 EOF
 
-# The box's private view: its own /var/run for the pid file, and a /sys/bus
-# holding only the serial numbers of the simulated devices, where the daemon
-# looks for them
-# (location H112 is device 1-1.2; the class letter and the 'M' end are not
-# part of the name).
-cat >"$work/box.sh" <<'EOF'
-set -eu
-mount -t tmpfs tmpfs /var/run
-if mount -t tmpfs tmpfs /sys/bus 2>/dev/null; then
-    awk -F= '
-        /^\[/ { loc = ""; serial = "" }
-        $1 == "location" { loc = $2 }
-        $1 == "serial" { serial = $2 }
-        loc != "" && serial != "" {
-            name = substr(loc, 2, 1)
-            rest = substr(loc, 3)
-            sep = "-"
-            for (i = 1; i <= length(rest); i++) {
-                c = substr(rest, i, 1)
-                if (c == "M") break
-                name = name sep c
-                sep = "."
-            }
-            print name, serial
-            loc = ""; serial = ""
-        }' "$DYPSIM_DEVICES" | while read -r dir serial; do
-        mkdir -p "/sys/bus/usb/devices/$dir"
-        printf '%s\n' "$serial" >"/sys/bus/usb/devices/$dir/serial"
-    done
-fi
-exec env LD_PRELOAD="$DYPSIM_PRELOAD" "$DYPD" -d -f "$DYPD_CONF"
-EOF
-
 echo "== starting dypd -d in $box_ns with the simulated driver ($devices)"
 DYPSIM_PRELOAD=$preload DYPSIM_DEVICES=$devices DYPD=$dypd DYPD_CONF=$work/dypd.conf \
-    ip netns exec "$box_ns" unshare -m --propagation private sh "$work/box.sh" \
+    ip netns exec "$box_ns" unshare -m --propagation private sh "$root/scripts/sim-box.sh" \
     >"$work/dypd.log" 2>&1 &
 daemon_pid=$!
 
-# Ready when the box answers discovery.
-ready=0
-for _ in $(seq 1 50); do
-    if ip netns exec "$host_ns" "$dypctl" discover --interface "$host_if" --timeout 0.2 >/dev/null 2>&1; then
-        ready=1
-        break
-    fi
-    kill -0 "$daemon_pid" 2>/dev/null || break
-done
-if [ $ready -ne 1 ]; then
+if ! box_answers "$dypctl" "$host_ns" "$host_if" "$daemon_pid"; then
     echo "demo.sh: the daemon did not answer; its output:" >&2
     cat "$work/dypd.log" >&2
     exit 1

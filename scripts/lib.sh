@@ -9,6 +9,17 @@ install_missing() {
     if [ ${#need[@]} -gt 0 ]; then
         echo "installing: ${need[*]}"
         apt-get update -qq
-        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need[@]}" >/dev/null
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
     fi
+}
+
+# True once the box answers discovery from the host's namespace (50 tries of
+# 0.2 s); false at once when the daemon's process is gone.
+box_answers() { # DYPCTL HOST_NS HOST_IF DAEMON_PID
+    local try
+    for try in $(seq 1 50); do
+        ip netns exec "$2" "$1" discover --interface "$3" --timeout 0.2 >/dev/null 2>&1 && return 0
+        kill -0 "$4" 2>/dev/null || return 1
+    done
+    return 1
 }

@@ -6,6 +6,9 @@ cd "$(dirname "$0")/.."
 
 . scripts/lib.sh
 install_missing cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux
+# The Wireshark dissector's test: tcpdump records a live session, tshark
+# reads it, nlohmann's JSON parser reads tshark's and dypctl's output.
+install_missing tshark tcpdump nlohmann-json3-dev
 
 jobs=$(nproc)
 status=0
