@@ -15,6 +15,7 @@
 #include "lib/text.h"
 #include "lib/process.h"
 #include "protocol/command.h"
+#include "protocol/reply_queue.h"
 
 namespace {
 
@@ -150,6 +151,8 @@ int initialise_daemon(dypd_settings *settings) {
     if (result < 0)
         return result;
     result = dypd_command_init();
+    if (result == 0)
+        result = dypd_reply_queue_init();
     if (result < 0) {
         dypd_cleanup(&dyp_daemon);
         return result;
