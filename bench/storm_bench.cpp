@@ -144,9 +144,14 @@ class request_storm {
             return;
         }
         probe &p = probes_[free_[source].back()];
+        // A reply that came after its request expired must not be taken
+        // for the answer to this one.
+        for (timespec stale{}; receive_one(p.fd, &stale);) {
+        }
         // Our count of what waits is never below the daemon's: a reply in
         // flight is still counted here, a request in flight not yet there.
         p.within_bounds = busy_[source] < PER_ADDRESS_BOUND && busy_total_ < QUEUE_BOUND;
+        (void)clock_gettime(CLOCK_REALTIME, &p.sent_wall);
         if (sendto(p.fd, request_.data(), request_.size(), 0,
                    reinterpret_cast<const sockaddr *>(&box_), sizeof box_) < 0) {
             ++result_.unsent;
@@ -155,7 +160,6 @@ class request_storm {
         free_[source].pop_back();
         p.busy = true;
         p.sent = now;
-        (void)clock_gettime(CLOCK_REALTIME, &p.sent_wall);
         ++busy_[source];
         ++busy_total_;
         in_flight_.push_back({static_cast<uint32_t>(&p - probes_.data()), ++p.generation});

@@ -13,7 +13,7 @@ constexpr uint64_t DROP_NOTICE_INTERVAL_US = 60ull * 1000 * 1000;
 uint64_t monotonic_us() {
     timespec now{};
     (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint32_t>(now.tv_nsec / 1000);
 }
 
 dypd_usec_clock_fn clock_us = monotonic_us;
@@ -98,8 +98,10 @@ int dypd_reply_queue_wait_ms() {
     if (first->due_us <= now)
         return 0;
     // Rounded up, so that the wait never ends just short of the due time
-    // and spins until it comes.
-    return static_cast<int>((first->due_us - now + 999) / 1000);
+    // and spins until it comes. What is left is at most the 32-bit delay the
+    // reply was queued with: no 64-bit division is needed.
+    auto left_us = static_cast<uint32_t>(first->due_us - now);
+    return static_cast<int>(left_us / 1000 + (left_us % 1000 != 0 ? 1 : 0));
 }
 
 void dypd_reply_queue_send_due() {
