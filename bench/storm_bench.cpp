@@ -422,11 +422,14 @@ int main(int argc, char **argv) {
     std::snprintf(text, sizeof text, "connect p99 %.2f ms <= %.1f x idle %.2f ms",
                   quantile(storm1000.commands.connect_ms, 0.99), BUDGET_RATIO, idle_connect);
     ok &= check(quantile(storm1000.commands.connect_ms, 0.99) <= BUDGET_RATIO * idle_connect, text);
-    int failed = 0, missed = 0;
+    int failed = 0, missed = 0, unsent = 0;
     for (const row &r : rows) {
         failed += r.commands.failed;
         missed += r.storm.within_bounds_missed;
+        unsent += r.storm.unsent;
     }
+    // A source out of free sockets sends less than the rate asked.
+    ok &= check(unsent == 0, std::to_string(unsent) + " requests not sent");
     ok &= check(failed == 0, std::to_string(failed) + " commands failed");
     ok &= check(missed == 0, std::to_string(missed) + " requests within the bounds unanswered");
     std::snprintf(text, sizeof text, "longest reply delay %.1f ms (150 ms + scheduling)",
