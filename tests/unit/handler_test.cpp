@@ -183,7 +183,6 @@ TEST_F(HandlerTest, AdvertiseReplyWaitsWhileCommandsAreAnsweredAndShieldsTheSess
     EXPECT_EQ(dypd_reply_queue_wait_ms(), -1) << "and nothing queued";
     fake.advertise_result = DYP_ADVERTISE_REPLY_SIZE;
     ASSERT_TRUE(ask(a, DYP_TYPE_START, "GET READ", 0, 512));
-    fake.now += 400;
     EXPECT_FALSE(ask(b, DYP_TYPE_ADVERTISE, "", 0, 0)) << "not before its delay";
     int wait_ms = dypd_reply_queue_wait_ms();
     ASSERT_GE(wait_ms, 0);
@@ -195,7 +194,10 @@ TEST_F(HandlerTest, AdvertiseReplyWaitsWhileCommandsAreAnsweredAndShieldsTheSess
     dypd_reply_queue_send_due();
     EXPECT_EQ(sent_to(b), bytes(164, 0xa5));
     EXPECT_EQ(dypd_reply_queue_wait_ms(), -1) << "sent once";
-    // 900 ms after the transfer's START, 500 after the advertise request.
+    // The last transfer reply is 400 ms old; the advertise request alone
+    // renews the shield, though its reply is still waiting.
+    fake.now += 400;
+    EXPECT_FALSE(ask(b, DYP_TYPE_ADVERTISE, "", 0, 0));
     fake.now += 500;
     EXPECT_FALSE(ask(b, DYP_TYPE_START, "GET READ", 0, 512));
     EXPECT_TRUE(ep->session.requester);
