@@ -15,6 +15,7 @@
 #include "lib/process.h"
 #include "lib/tqstdio.h"
 #include "protocol/command.h"
+#include "protocol/reply_queue.h"
 
 namespace {
 
@@ -156,7 +157,9 @@ int dypd_initialise(dypd_settings *settings) {
         return result;
     }
     settings->primary->header.settings = dyp_daemon.header.settings;
-    result = dypd_ds_init(settings->primary);
+    result = dypd_reply_queue_init();
+    if (result == 0)
+        result = dypd_ds_init(settings->primary);
     if (result == 0)
         result = install_signal_actions();
     if (result < 0)

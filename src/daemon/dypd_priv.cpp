@@ -9,6 +9,7 @@
 #include "lib/tqstdio.h"
 #include "protocol/command.h"
 #include "protocol/handler.h"
+#include "protocol/reply_queue.h"
 
 volatile sig_atomic_t dypd_sighap;
 
@@ -51,6 +52,15 @@ void serve_readable(dyp_daemon_context *daemon, const fd_set *readset) {
         dypd_dyp_handler(daemon, nullptr);
 }
 
+// The device server's limit, shortened to the earliest queued reply; -1
+// (no limit) only when both are without one.
+int wait_limit_ms(int ds_timeout_ms) {
+    int queue_ms = dypd_reply_queue_wait_ms();
+    if (ds_timeout_ms == -1 || queue_ms == -1)
+        return std::max(ds_timeout_ms, queue_ms);
+    return std::min(ds_timeout_ms, queue_ms);
+}
+
 } // namespace
 
 int dypd_run(dyp_daemon_context *daemon, dypd_settings *settings) {
@@ -66,19 +76,25 @@ int dypd_run(dyp_daemon_context *daemon, dypd_settings *settings) {
             return -1;
         if (dypd_sighap != 0) {
             dypd_sighap = 0;
+            // Replies drawn up before the reload are dropped; the hosts repeat.
+            dypd_reply_queue_clear();
             // A reload that fails keeps whatever it had already applied;
             // only a refused file is worth telling the operator about.
             if (dypd_configfile_load(settings) == -EFBIG)
                 dyp_log(LOG_ERR, dypd_config_refused, settings->config_path,
                         static_cast<unsigned>(TQ_CONFIG_MAX_SIZE));
         }
-        int ready = dypd_select(highest + 1, &readset, nullptr, timeout_ms, 1);
+        int wait_ms = wait_limit_ms(timeout_ms);
+        int ready = dypd_select(highest + 1, &readset, nullptr, wait_ms, 1);
+        dypd_reply_queue_send_due();
         if (ready < 0) {
             dyp_log(LOG_ERR, "failed to select a fd (err: %d)", ready);
             continue;
         }
         if (ready == 0) {
-            dypd_ds_timeout_handler();
+            // A wait cut short for a queued reply is not the device server's.
+            if (wait_ms == timeout_ms)
+                dypd_ds_timeout_handler();
             continue;
         }
         serve_readable(daemon, &readset);
@@ -111,6 +127,8 @@ void dypd_release_endpoints(dyp_daemon_context *daemon) {
 void dypd_cleanup(dyp_daemon_context *daemon) {
     dypd_ds_cleanup();
     dypd_command_cleanup();
+    // Queued replies refer to the endpoints: they go first, unsent.
+    dypd_reply_queue_cleanup();
     dypd_release_endpoints(daemon);
 }
 

@@ -1,10 +1,9 @@
 #include "daemon/endpoints.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 
+#include "daemon/seed.h"
 #include "lib/alloc.h"
 #include "lib/log.h"
 #include "protocol/advertise.h"
@@ -13,7 +12,7 @@
 namespace {
 
 int open_endpoint(dypd_udp_port *endpoint, int32_t port) {
-    srand(static_cast<unsigned>(time(nullptr)));
+    dypd_seed_random();
     (void)dypd_init_socket(&endpoint->header, DYPD_ENDPOINT_UDP);
     // The socket is bound to the low 16 bits of the configured number.
     int result = dypd_set_udp_port(&endpoint->header, static_cast<uint16_t>(port));
@@ -75,7 +74,7 @@ int build_endpoint(dypd_udp_port **slot, int32_t port, dypd_settings *settings) 
 
 int dypd_build_endpoints(dyp_daemon_context *daemon, dypd_settings *settings) {
     memset(daemon, 0, sizeof *daemon);
-    srand(static_cast<unsigned>(time(nullptr)));
+    dypd_seed_random();
     daemon->header.settings = &settings->identity;
     daemon->spare_fd = -1;
     (void)dypd_init_socket(&daemon->header, DYPD_ENDPOINT_DAEMON);

@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 #include "lib/be.h"
 #include "lib/clock.h"
 #include "lib/log.h"
 #include "protocol/command.h"
 #include "protocol/packet.h"
+#include "protocol/reply_queue.h"
 
 namespace {
 // A new START from anybody is refused until this long after the endpoint's
@@ -21,12 +21,7 @@ constexpr uint32_t SESSION_GUARD_MS = 501;
 // that the replies of many boxes to one broadcast do not collide.
 constexpr long ADVERTISE_DELAY_SPAN_US = 150000;
 
-void wall_sleep(uint32_t microseconds) {
-    (void)usleep(microseconds);
-}
-
 dypd_clock_fn clock_now = dypd_get_systime;
-dypd_sleep_fn sleep_for = wall_sleep;
 
 struct request_fields {
     uint16_t type;
@@ -87,12 +82,8 @@ int receive_request(dypd_udp_port *endpoint, sockaddr_in *sender, int *ifindex) 
     return received;
 }
 
-// Failures other than an interruption are not reported: the host repeats.
 void send_reply(dypd_udp_port *endpoint, uint32_t size, const sockaddr_in *sender) {
-    int sent;
-    do {
-        sent = dypd_sendto(&endpoint->header, endpoint->send_buffer, size, 0, sender);
-    } while (sent == -EINTR);
+    dypd_send_datagram(endpoint, endpoint->send_buffer, size, sender);
 }
 
 // Runs a command of mode 0 or 2 over the whole session buffer and records
@@ -277,24 +268,30 @@ outcome handle_transfer(request_context &ctx) {
     return result == outcome::reply ? build_response(ctx) : result;
 }
 
-// The session is neither consulted nor changed by a discovery request.
+// The session is neither consulted nor changed by a discovery request. A
+// reply waits in the queue for its delay while the daemon goes on serving.
 void handle_advertise(request_context &ctx) {
     dypd_udp_port *endpoint = ctx.endpoint;
     if (endpoint->advertise == nullptr)
         return;
-    int32_t size = endpoint->advertise(ctx.request, endpoint->send_buffer, DYP_RESPONSE_MAX,
-                                       &ctx.sender, ctx.ifindex);
-    if (size < 0)
+    // Over a bound the request is refused before the handler does any work.
+    dypd_queued_reply *slot = dypd_reply_queue_slot(&ctx.sender);
+    if (slot == nullptr)
         return;
-    if (size > 0) {
-        // A reply counts as activity, so it shields a transfer in progress.
-        endpoint->header.last_activity = clock_now();
-        sleep_for(static_cast<uint32_t>(random() % ADVERTISE_DELAY_SPAN_US));
-    }
+    int32_t size = endpoint->advertise(ctx.request, slot->bytes, DYP_RESPONSE_MAX, &ctx.sender,
+                                       ctx.ifindex);
+    if (size == 0)
+        dypd_send_datagram(endpoint, slot->bytes, 0, &ctx.sender);
+    if (size <= 0)
+        return;
+    // A reply counts as activity from the moment the request is handled,
+    // so it shields a transfer in progress.
+    endpoint->header.last_activity = clock_now();
     // A handler that claims more than it was given cannot make the reply
-    // read past the transmit buffer.
-    send_reply(endpoint, std::min<uint32_t>(static_cast<uint32_t>(size), DYP_RESPONSE_MAX),
-               &ctx.sender);
+    // read past the slot.
+    dypd_reply_queue_push(slot, endpoint, &ctx.sender,
+                          std::min<uint32_t>(static_cast<uint32_t>(size), DYP_RESPONSE_MAX),
+                          static_cast<uint32_t>(random() % ADVERTISE_DELAY_SPAN_US));
 }
 
 void abandon_session(dypd_session *session) {
@@ -303,9 +300,8 @@ void abandon_session(dypd_session *session) {
 }
 } // namespace
 
-void dypd_handler_set_clock(dypd_clock_fn clock, dypd_sleep_fn sleep) {
+void dypd_handler_set_clock(dypd_clock_fn clock) {
     clock_now = clock != nullptr ? clock : dypd_get_systime;
-    sleep_for = sleep != nullptr ? sleep : wall_sleep;
 }
 
 void dypd_dyp_handler(dyp_daemon_context *daemon, dypd_udp_port *endpoint) {

@@ -9,8 +9,7 @@ struct dyp_daemon_context;
 
 void dypd_dyp_handler(dyp_daemon_context *daemon, dypd_udp_port *endpoint);
 
-// Test seam: the millisecond clock of the 501 ms rule and the advertise
-// delay. Null restores the wall clock and usleep.
+// Test seam: the millisecond clock of the 501 ms rule. Null restores the
+// wall clock.
 using dypd_clock_fn = uint32_t (*)();
-using dypd_sleep_fn = void (*)(uint32_t microseconds);
-void dypd_handler_set_clock(dypd_clock_fn clock, dypd_sleep_fn sleep);
+void dypd_handler_set_clock(dypd_clock_fn clock);

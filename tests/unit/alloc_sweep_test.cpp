@@ -18,6 +18,7 @@
 #include "protocol/command.h"
 #include "protocol/handler.h"
 #include "protocol/packet.h"
+#include "protocol/reply_queue.h"
 #include "sim_seam.h"
 #include "support/fake_ds_module.h"
 
@@ -61,10 +62,15 @@ class AllocSweep : public ska_namespace_test {
         std::ofstream(conf) << "product=Sweep Box\nhostname=sweep\nnetif=lo\nportnum="
                             << PRIMARY_PORT << "," << OTHER_PORT << "\nds_port=" << PRIMARY_PORT
                             << "\n";
-        dypd_handler_set_clock(nullptr, [](uint32_t) {});
+        // Every reading of the queue's clock is 200 ms on: an advertise reply
+        // is due by the time the step looks for it.
+        dypd_reply_queue_set_clock([] {
+            static uint64_t now_us;
+            return now_us += 200000;
+        });
     }
     void TearDown() override {
-        dypd_handler_set_clock(nullptr, nullptr);
+        dypd_reply_queue_set_clock(nullptr);
         (void)unlink(conf.c_str());
         ska_namespace_test::TearDown();
     }
@@ -93,8 +99,10 @@ class AllocSweep : public ska_namespace_test {
                   static_cast<ssize_t>(datagram.size()));
         if (port == SKA_PORT)
             dypd_ds_ska_handler();
-        else
+        else {
             dypd_dyp_handler(&dyp_daemon, endpoint(port));
+            dypd_reply_queue_send_due();
+        }
         bytes reply(DYP_RESPONSE_MAX + SKA_BUFFER_SIZE);
         ssize_t n = recv(client.get(), reply.data(), reply.size(), MSG_DONTWAIT);
         if (n < 0)

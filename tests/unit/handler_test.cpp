@@ -11,6 +11,7 @@
 #include "lib/fd.h"
 #include "protocol/command.h"
 #include "protocol/packet.h"
+#include "protocol/reply_queue.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -21,11 +22,11 @@ bytes operator+(bytes head, const bytes &tail) {
     return head;
 }
 
-// What the test command, clock, sleep and advertise handler share.
+// What the test command, clocks and advertise handler share.
 struct {
     uint32_t result_size, size_given, now;
     int calls, advertise_result;
-    std::vector<uint32_t> sleeps;
+    uint64_t now_us;
     bytes data_area; // the request's data area as the last command saw it
 } fake;
 
@@ -63,9 +64,10 @@ bytes reply(std::initializer_list<uint16_t> header, uint32_t from = 0, uint32_t 
 class HandlerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        fake = {1200, 0, 100000, 0, 0, {}, {}};
-        dypd_handler_set_clock([] { return fake.now; },
-                               [](uint32_t us) { fake.sleeps.push_back(us); });
+        fake = {1200, 0, 100000, 0, 0, 5000000, {}};
+        dypd_handler_set_clock([] { return fake.now; });
+        dypd_reply_queue_set_clock([] { return fake.now_us; });
+        ASSERT_EQ(dypd_reply_queue_init(), 0);
         ASSERT_EQ(dypd_command_init(), 0);
         ASSERT_EQ(dypd_register_commands(commands, 3), 0);
         ASSERT_EQ(dypd_build_endpoints(&daemon, &settings), 0);
@@ -75,7 +77,9 @@ class HandlerTest : public ::testing::Test {
         box.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     }
     void TearDown() override {
-        dypd_handler_set_clock(nullptr, nullptr);
+        dypd_handler_set_clock(nullptr);
+        dypd_reply_queue_set_clock(nullptr);
+        dypd_reply_queue_cleanup();
         dypd_core_cleanup(ep);
         dyp_free(daemon.endpoints);
         dypd_command_cleanup();
@@ -195,23 +199,67 @@ TEST_F(HandlerTest, AnotherStartIsDroppedAt500msAndDisplacesAt501ms) {
     EXPECT_EQ(log.count(LOG_WARNING, "command is not registered"), 1);
     EXPECT_FALSE(ep->session.requester) << "the stale session was left before the lookup";
     // On the wall clock a fresh session is protected all the same.
-    dypd_handler_set_clock(nullptr, nullptr);
+    dypd_handler_set_clock(nullptr);
     ASSERT_TRUE(ask(a, DYP_TYPE_START, "GET READ", 0, 512));
     EXPECT_FALSE(ask(b, DYP_TYPE_START, "GET READ", 0, 512));
 }
 
-TEST_F(HandlerTest, AdvertiseReplyIsDelayedAndShieldsTheSessionAnEmptyOneIsNot) {
+// Whatever the queue has sent to `client` by now, without waiting.
+std::optional<bytes> sent_to(const unique_fd &client) {
+    bytes r(DYP_RESPONSE_MAX + 1);
+    ssize_t n = recv(client.get(), r.data(), r.size(), MSG_DONTWAIT);
+    return n < 0 ? std::nullopt : std::optional<bytes>(bytes(r.begin(), r.begin() + n));
+}
+
+TEST_F(HandlerTest, AdvertiseReplyWaitsWhileCommandsAreAnsweredAndShieldsTheSession) {
     ASSERT_EQ(dypd_register_advertise_handler(ep, fake_advertise), 0);
     EXPECT_EQ(dypd_register_advertise_handler(ep, fake_advertise), -EINVAL) << "one at most";
-    EXPECT_EQ(ask(b, DYP_TYPE_ADVERTISE, "", 0, 0), bytes{}) << "a result of 0";
+    EXPECT_EQ(ask(b, DYP_TYPE_ADVERTISE, "", 0, 0), bytes{}) << "a result of 0: at once";
+    EXPECT_EQ(dypd_reply_queue_wait_ms(), -1) << "and nothing queued";
     fake.advertise_result = DYP_ADVERTISE_REPLY_SIZE;
     ASSERT_TRUE(ask(a, DYP_TYPE_START, "GET READ", 0, 512));
+    EXPECT_FALSE(ask(b, DYP_TYPE_ADVERTISE, "", 0, 0)) << "not before its delay";
+    int wait_ms = dypd_reply_queue_wait_ms();
+    ASSERT_GE(wait_ms, 0);
+    ASSERT_LE(wait_ms, 150);
+    // The transfer goes on meanwhile, and the advertise reply still waits.
+    EXPECT_EQ(ask(a, DYP_TYPE_DATA, "", 512, 512)->size(), 520u);
+    EXPECT_FALSE(sent_to(b));
+    fake.now_us += static_cast<uint64_t>(wait_ms) * 1000;
+    dypd_reply_queue_send_due();
+    EXPECT_EQ(sent_to(b), bytes(164, 0xa5));
+    EXPECT_EQ(dypd_reply_queue_wait_ms(), -1) << "sent once";
+    // The last transfer reply is 400 ms old; the advertise request alone
+    // renews the shield, though its reply is still waiting.
     fake.now += 400;
-    EXPECT_EQ(ask(b, DYP_TYPE_ADVERTISE, "", 0, 0), bytes(164, 0xa5));
-    ASSERT_EQ(fake.sleeps.size(), 1u) << "only a reply with content waits";
-    EXPECT_LT(fake.sleeps[0], 150000u);
-    fake.now += 500; // 900 ms after the transfer reply, 500 after the advertise reply
+    EXPECT_FALSE(ask(b, DYP_TYPE_ADVERTISE, "", 0, 0));
+    fake.now += 500;
     EXPECT_FALSE(ask(b, DYP_TYPE_START, "GET READ", 0, 512));
     EXPECT_TRUE(ep->session.requester);
+}
+
+// Each reply waits its own random delay below 150 ms: never sent early,
+// always sent once due; the delays spread over the range.
+TEST_F(HandlerTest, AdvertiseDelaysAreDrawnPerReplyBelow150ms) {
+    ASSERT_EQ(dypd_register_advertise_handler(ep, fake_advertise), 0);
+    fake.advertise_result = DYP_ADVERTISE_REPLY_SIZE;
+    int shortest = 150, longest = 0;
+    for (int i = 0; i < 40; ++i) {
+        ASSERT_FALSE(ask(b, DYP_TYPE_ADVERTISE, "", 0, 0));
+        int wait_ms = dypd_reply_queue_wait_ms();
+        ASSERT_GE(wait_ms, 0);
+        ASSERT_LE(wait_ms, 150);
+        if (wait_ms > 0) {
+            fake.now_us += static_cast<uint64_t>(wait_ms - 1) * 1000;
+            dypd_reply_queue_send_due();
+            ASSERT_FALSE(sent_to(b)) << "a millisecond early";
+        }
+        fake.now_us += 1000;
+        dypd_reply_queue_send_due();
+        ASSERT_EQ(sent_to(b), bytes(164, 0xa5));
+        shortest = std::min(shortest, wait_ms);
+        longest = std::max(longest, wait_ms);
+    }
+    EXPECT_GT(longest - shortest, 50) << "the same delay, again and again";
 }
 } // namespace
