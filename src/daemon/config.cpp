@@ -4,13 +4,26 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "daemon/config_notes.h"
 #include "daemon/dypd_priv.h"
 #include "lib/alloc.h"
 #include "lib/cfgctrl.h"
 #include "lib/nerrno.h"
 #include "lib/text.h"
 
+const char *const dypd_config_keys[DYPD_CONFIG_KEY_COUNT] = {"product", "hostname", "netif",
+                                                          "portnum", "ds_port"};
+
 namespace {
+
+// Tells the caller's listener, if there is one, about a value the loader
+// leaves unused or shortens; the daemon itself passes none.
+const dypd_config_listener *listener = nullptr;
+
+void note(const char *key, const char *value, dypd_config_note what) {
+    if (listener != nullptr)
+        listener->noted(listener->context, key, value, what);
+}
 
 enum class conversion { number, not_a_number, failed };
 
@@ -46,6 +59,8 @@ void load_name(const char *path, const char *key, char (&field)[16]) {
         return;
     if (value[0] != '\0')
         copy_text(field, value);
+    if (strlen(value) >= sizeof field)
+        note(key, value, dypd_config_note::cut);
     tq_cfg_release_string(value);
 }
 
@@ -75,8 +90,10 @@ int parse_ports(char *text, int32_t *list, int32_t *count) {
         converted port = convert_number(piece);
         if (port.kind == conversion::failed)
             return static_cast<int>(port.value);
-        if (port.kind == conversion::not_a_number)
+        if (port.kind == conversion::not_a_number) {
+            note("portnum", piece, dypd_config_note::not_a_number);
             return 0;
+        }
         list[(*count)++] = static_cast<int32_t>(port.value);
     }
     return 1;
@@ -114,6 +131,8 @@ int load_primary_port(const char *path, dypd_settings *settings) {
         return 0;
     converted port =
         value[0] == '\0' ? converted{conversion::not_a_number, 0} : convert_number(value);
+    if (port.kind == conversion::not_a_number)
+        note("ds_port", value, dypd_config_note::not_a_number);
     tq_cfg_release_string(value);
     if (port.kind == conversion::failed)
         return static_cast<int>(port.value);
@@ -137,4 +156,11 @@ int dypd_configfile_load(dypd_settings *settings) {
     if (result != 1)
         return result;
     return load_primary_port(path, settings);
+}
+
+int dypd_configfile_load_noting(dypd_settings *settings, const dypd_config_listener *noted) {
+    listener = noted;
+    int result = dypd_configfile_load(settings);
+    listener = nullptr;
+    return result;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <csignal>
+#include <cstdio>
 #include <cstdint>
 
 #include "protocol/identity.h"
@@ -42,6 +43,11 @@ int dypd_run(dyp_daemon_context *daemon, dypd_settings *settings);
 void dypd_cleanup(dyp_daemon_context *daemon);
 void dypd_core_cleanup(dypd_udp_port *endpoint);
 void dypd_signal_handler(int signal);
+
+// Start-up's built-in settings, and the settings as `-d` prints them
+// (dypd.cpp); dypd-config uses both.
+void dypd_set_defaults(dypd_settings *settings);
+void dypd_print_settings(const dypd_settings *settings, FILE *stream);
 
 // Configuration file (config.cpp).
 int dypd_configfile_load(dypd_settings *settings);
