@@ -89,6 +89,12 @@ install(TARGETS dypctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dyp
 install(FILES ${CMAKE_BINARY_DIR}/man/dypctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
         COMPONENT dypctl)
 
+# The Wireshark dissector, where Wireshark looks for global Lua plugins.
+if(EXISTS ${CMAKE_SOURCE_DIR}/tools/wireshark/dyp.lua)
+  install(FILES ${CMAKE_SOURCE_DIR}/tools/wireshark/dyp.lua
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT dypctl)
+endif()
+
 # The simulated driver, kept out of the system's library path.
 if(TARGET dypsim_preload)
   install(TARGETS dypsim_preload LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/dypd COMPONENT sim)
