@@ -182,6 +182,7 @@ void check_bind_list(const dypd_settings &settings, report &out) {
 int main(int argc, char **argv) {
     dypd_settings settings;
     dypd_set_defaults(&settings);
+    const char *command_line_list = nullptr;
     int option;
     while ((option = getopt(argc, argv, "f:i:h")) != -1) {
         switch (option) {
@@ -189,7 +190,7 @@ int main(int argc, char **argv) {
             settings.config_path = optarg;
             break;
         case 'i':
-            settings.bind_interfaces = optarg;
+            settings.bind_interfaces = command_line_list = optarg;
             break;
         case 'h':
             fputs(USAGE, stdout);
@@ -230,6 +231,11 @@ int main(int argc, char **argv) {
     }
     if (settings.ports != default_ports)
         dyp_free(settings.ports);
+    // A list from the file is the loader's own value string, which the
+    // daemon keeps for its lifetime; here it ends now.
+    if (settings.bind_interfaces != network_interface_name &&
+        settings.bind_interfaces != command_line_list)
+        tq_cfg_release_string(const_cast<char *>(settings.bind_interfaces));
     if (out.errors > 0)
         return EXIT_REFUSED;
     return out.warnings > 0 ? EXIT_WARNINGS : EXIT_CLEAN;
