@@ -8,17 +8,15 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
-if [ "$(id -u)" -ne 0 ]; then
-    echo "demo.sh: needs root (it makes network namespaces and mounts)" >&2
-    exit 2
-fi
-
 . scripts/lib.sh
+require_root
 install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux
 
 echo "== building (build-demo)"
-cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build-demo --target dypd dypctl dypsim_preload -j 2 >/dev/null
+mkdir -p build-demo
+quietly build-demo/configure.log cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo
+quietly build-demo/build.log cmake --build build-demo --target dypd dypctl dypsim_preload \
+    -j "$(build_jobs)"
 dypd=$root/build-demo/dypd
 dypctl=$root/build-demo/tools/dypctl/dypctl
 preload=$(find "$root/build-demo/sim" -name 'libdypsim_preload*.so' | head -n1)
@@ -63,7 +61,7 @@ ip -n "$host_ns" link set "$host_if" up
 cat >"$work/dypd.conf" <<EOF
 product=DemoScanBox
 hostname=demobox
-netif=$box_if
+netif=$box_if,!*
 EOF
 
 echo "== starting dypd -d in $box_ns with the simulated driver ($devices)"
@@ -86,6 +84,8 @@ step() {
 
 step discover --interface "$host_if"
 step devices "$box_ip" --ex
+step ports "$box_ip"
+step port-name "$box_ip" --vid 0x2b7c --pid 0x00c2 --location H113
 step status "$box_ip" scanner2
 step connect "$box_ip" scanner2
 step status "$box_ip" scanner2

@@ -1,6 +1,15 @@
 # Shared by the scripts in this directory; sourced, not run.
 
-# Installs those of the given Debian packages that are missing.
+# Stops a script at once, before apt, when it does not run as root.
+require_root() {
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "run as root: it installs packages and makes network namespaces" >&2
+        exit 2
+    fi
+}
+
+# Installs those of the given Debian packages that are missing, without
+# the packages they merely recommend.
 install_missing() {
     local need=() pkg
     for pkg in "$@"; do
@@ -22,4 +31,22 @@ box_answers() { # DYPCTL HOST_NS HOST_IF DAEMON_PID
         kill -0 "$4" 2>/dev/null || return 1
     done
     return 1
+}
+
+# Runs a command with its output kept in LOG; prints the log only when the
+# command fails, and then fails too.
+quietly() {
+    local log=$1; shift
+    if ! "$@" >"$log" 2>&1; then
+        echo "failed: $*" >&2
+        cat "$log" >&2
+        return 1
+    fi
+}
+
+# Compiler jobs: one per CPU, at most 8.
+build_jobs() {
+    local n
+    n=$(nproc)
+    echo $((n < 8 ? n : 8))
 }

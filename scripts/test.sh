@@ -1,26 +1,37 @@
 #!/usr/bin/env bash
 # Builds dypd and runs every test twice: a normal build and a build with
-# the address and undefined-behaviour sanitizers. Installs what is missing.
+# the address and undefined-behaviour sanitizers; then checks what gets
+# shipped. Installs what is missing. Runs as root.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 . scripts/lib.sh
-install_missing cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux
+require_root
+install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux
 # The Wireshark dissector's test: tcpdump records a live session, tshark
 # reads it, nlohmann's JSON parser reads tshark's and dypctl's output.
 install_missing tshark tcpdump nlohmann-json3-dev
 
-jobs=$(nproc)
+jobs=$(build_jobs)
 status=0
 run() {
     local dir=$1; shift
-    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-    cmake --build "$dir" -j "$jobs"
+    mkdir -p "$dir"
+    quietly "$dir/configure.log" cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" &&
+        quietly "$dir/build.log" cmake --build "$dir" -j "$jobs" || { status=1; return; }
     (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300) || status=1
 }
 
 echo "=== normal build"
-run build
+run build -DCMAKE_INSTALL_PREFIX=/usr
 echo "=== sanitizer build (address, undefined)"
 run build-asan -DDYPD_SANITIZE=ON
+
+# --- What gets shipped: the install into a scratch folder, the service
+# files (systemd-analyze, the init script run against the daemon), the two
+# Debian packages (lintian, installed into a scratch root) and the man
+# pages (mandoc), from the normal build. About two minutes.
+echo "=== install, service files, packages, man pages"
+install_missing lintian mandoc systemd dpkg-dev man-db
+scripts/package-test.sh build || status=1
 exit $status

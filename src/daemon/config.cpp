@@ -4,6 +4,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "daemon/config_notes.h"
 #include "daemon/dypd_priv.h"
 #include "lib/alloc.h"
 #include "lib/cfgctrl.h"
@@ -14,7 +15,19 @@
 const char dypd_config_refused[] =
     "the config file %s is not a regular file of at most %u bytes";
 
+const char *const dypd_config_keys[DYPD_CONFIG_KEY_COUNT] = {"product", "hostname", "netif",
+                                                          "portnum", "ds_port"};
+
 namespace {
+
+// Tells the caller's listener, if there is one, about a value the loader
+// leaves unused or shortens; the daemon itself passes none.
+const dypd_config_listener *listener = nullptr;
+
+void note(const char *key, const char *value, dypd_config_note what) {
+    if (listener != nullptr)
+        listener->noted(listener->context, key, value, what);
+}
 
 enum class conversion { number, not_a_number, failed };
 
@@ -62,6 +75,8 @@ int load_name(const char *path, const char *key, char (&field)[16]) {
         return found;
     if (value[0] != '\0')
         copy_text(field, value);
+    if (strlen(value) >= sizeof field)
+        note(key, value, dypd_config_note::cut);
     tq_cfg_release_string(value);
     return 0;
 }
@@ -95,8 +110,10 @@ int parse_ports(char *text, int32_t *list, int32_t *count) {
         converted port = convert_number(piece);
         if (port.kind == conversion::failed)
             return static_cast<int>(port.value);
-        if (port.kind == conversion::not_a_number)
+        if (port.kind == conversion::not_a_number) {
+            note("portnum", piece, dypd_config_note::not_a_number);
             return 0;
+        }
         list[(*count)++] = static_cast<int32_t>(port.value);
     }
     return 1;
@@ -142,6 +159,8 @@ int load_primary_port(const char *path, dypd_settings *settings) {
         return found;
     converted port =
         value[0] == '\0' ? converted{conversion::not_a_number, 0} : convert_number(value);
+    if (port.kind == conversion::not_a_number)
+        note("ds_port", value, dypd_config_note::not_a_number);
     tq_cfg_release_string(value);
     if (port.kind == conversion::failed)
         return static_cast<int>(port.value);
@@ -179,4 +198,11 @@ void dypd_configfile_release(dypd_settings *settings) {
         settings->bind_interfaces = network_interface_name;
     tq_cfg_release_string(settings->loaded_bind_interfaces);
     settings->loaded_bind_interfaces = nullptr;
+}
+
+int dypd_configfile_load_noting(dypd_settings *settings, const dypd_config_listener *noted) {
+    listener = noted;
+    int result = dypd_configfile_load(settings);
+    listener = nullptr;
+    return result;
 }

@@ -99,17 +99,17 @@ int parse_options(int argc, char **argv, dypd_settings *settings) {
     return CONTINUE_STARTUP;
 }
 
-void print_settings(const dypd_settings *settings) {
-    fprintf(stderr, "%s\n", SETTINGS_RULE);
-    fprintf(stderr, "Config File Path   = %s\n",
+void print_settings(const dypd_settings *settings, FILE *stream) {
+    fprintf(stream, "%s\n", SETTINGS_RULE);
+    fprintf(stream, "Config File Path   = %s\n",
             settings->config_path != nullptr ? settings->config_path : "");
-    fprintf(stderr, "Product            = %s\n", settings->identity.product_name);
-    fprintf(stderr, "Host Name          = %s\n", settings->identity.host_name);
-    fprintf(stderr, "Bind Interface     = %s\n", settings->bind_interfaces);
-    fprintf(stderr, "UDP Ports          = %d\n", settings->port_count);
+    fprintf(stream, "Product            = %s\n", settings->identity.product_name);
+    fprintf(stream, "Host Name          = %s\n", settings->identity.host_name);
+    fprintf(stream, "Bind Interface     = %s\n", settings->bind_interfaces);
+    fprintf(stream, "UDP Ports          = %d\n", settings->port_count);
     for (int32_t i = 0; i < settings->port_count; ++i)
-        fprintf(stderr, "   (%2d)UDP Port    = %d\n", i + 1, settings->ports[i]);
-    fprintf(stderr, "%s\n", SETTINGS_RULE);
+        fprintf(stream, "   (%2d)UDP Port    = %d\n", i + 1, settings->ports[i]);
+    fprintf(stream, "%s\n", SETTINGS_RULE);
 }
 
 void open_system_log(const dypd_settings *settings) {
@@ -188,7 +188,7 @@ int run_daemon(dypd_settings *settings) {
         return EXIT_STATUS_FAILED;
     }
     if (settings->daemon_mode == 0)
-        print_settings(settings);
+        print_settings(settings, stderr);
     if (settings->daemon_mode != 0 && tq_daemonize(PROGRAM_NAME) < 0) {
         fprintf(stderr, "can not daemonize\n");
         return EXIT_STATUS_FAILED;
@@ -212,6 +212,14 @@ int run_daemon(dypd_settings *settings) {
 }
 
 } // namespace
+
+void dypd_set_defaults(dypd_settings *settings) {
+    set_defaults(settings);
+}
+
+void dypd_print_settings(const dypd_settings *settings, FILE *stream) {
+    print_settings(settings, stream);
+}
 
 int dypd_main(int argc, char **argv) {
     dypd_settings settings;

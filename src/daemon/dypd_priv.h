@@ -2,6 +2,7 @@
 #pragma once
 
 #include <csignal>
+#include <cstdio>
 #include <cstdint>
 
 #include "protocol/identity.h"
@@ -50,6 +51,11 @@ void dypd_cleanup(dyp_daemon_context *daemon);
 void dypd_release_endpoints(dyp_daemon_context *daemon);
 void dypd_core_cleanup(dypd_udp_port *endpoint);
 void dypd_signal_handler(int signal);
+
+// Start-up's built-in settings, and the settings as `-d` prints them
+// (dypd.cpp); dypd-config uses both.
+void dypd_set_defaults(dypd_settings *settings);
+void dypd_print_settings(const dypd_settings *settings, FILE *stream);
 
 // Configuration file (config.cpp). The loader owns the port list it made
 // and the "netif" value it kept; release frees both (at exit) and restores
