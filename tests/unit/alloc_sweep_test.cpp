@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
-#include <poll.h>
 #include <unistd.h>
 
 #include "daemon/dypd_priv.h"
