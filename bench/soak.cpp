@@ -216,8 +216,8 @@ class soak {
         auto names = transfer(from, "GET SCANNER PORT_NAME");
         if (names)
             expect(dyp::decode_port_names(*names).size() == 3);
-        auto port = transfer(from, "GET USB_PORT_NAME",
-                             dyp::encode_usb_port_query(0x2b7c, 0x00c2, "H113"));
+        auto port =
+            transfer(from, "GET USB_PORT_NAME", dyp::encode_usb_port_query(0x2b7c, 0x00c2, "H113"));
         if (port)
             expect(dyp::decode_usb_port_name(*port) == "scanner2");
     }
@@ -339,11 +339,11 @@ int main(int argc, char **argv) {
             next_displacement += total / 10;
         }
         while (run.datagrams >= next_sample && samples.size() < 10) {
-            samples.push_back(take_sample(daemon, 10 * static_cast<unsigned>(samples.size() + 1),
-                                          run.datagrams));
+            samples.push_back(
+                take_sample(daemon, 10 * static_cast<unsigned>(samples.size() + 1), run.datagrams));
             const sample &s = samples.back();
-            std::printf("%7u%% %10lu %10ld %10ld %5d\n", s.percent, s.datagrams, s.rss_kb,
-                        s.hwm_kb, s.fds);
+            std::printf("%7u%% %10lu %10ld %10ld %5d\n", s.percent, s.datagrams, s.rss_kb, s.hwm_kb,
+                        s.fds);
             std::fflush(stdout);
             next_sample += total / 10;
         }

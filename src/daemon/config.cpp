@@ -12,8 +12,7 @@
 #include "lib/text.h"
 #include "lib/tqstdio.h"
 
-const char dypd_config_refused[] =
-    "the config file %s is not a regular file of at most %u bytes";
+const char dypd_config_refused[] = "the config file %s is not a regular file of at most %u bytes";
 
 const char *const dypd_config_keys[DYPD_CONFIG_KEY_COUNT] = {"product", "hostname", "netif",
                                                           "portnum", "ds_port"};

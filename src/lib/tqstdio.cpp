@@ -152,9 +152,11 @@ int tq_getline(char **line, size_t *size, FILE *stream) {
 int tq_get_nlines(const char *path) {
     if (path == nullptr)
         return -EINVAL;
-    tq_stream file(fopen(path, "re"));
-    if (file.get() == nullptr)
-        return neg_errno();
+    FILE *stream = nullptr;
+    int opened = tq_open_config(path, &stream);
+    tq_stream file(stream);
+    if (opened < 0)
+        return opened;
     tq_line_buffer line;
     int count = 0;
     int result;

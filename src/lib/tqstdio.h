@@ -21,7 +21,8 @@ int tq_getline(char **line, size_t *size, FILE *stream);
 
 // Number of lines in the file at `path`: every LF, CR or NUL ends one, so CR
 // LF counts twice and an unterminated last line counts once. Negative errno
-// when the file cannot be opened, -ENOMEM when memory runs out.
+// when the file cannot be opened, -EFBIG when it is refused as by
+// tq_open_config, -ENOMEM when memory runs out.
 int tq_get_nlines(const char *path);
 
 // Moves `stream` forward to the start of line `line_number`, counted from

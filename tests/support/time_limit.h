@@ -7,5 +7,4 @@
 
 // The result of `attempt` (0 or a negative errno value down to -255), or
 // nothing when the child did not finish within `seconds` or died.
-std::optional<int> run_with_time_limit(const std::function<int()> &attempt,
-                                       unsigned seconds = 10);
+std::optional<int> run_with_time_limit(const std::function<int()> &attempt, unsigned seconds = 10);

@@ -6,15 +6,14 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
-#include <poll.h>
 #include <unistd.h>
 
 #include "daemon/dypd_priv.h"
 #include "device_file.h"
 #include "ds/ds.h"
 #include "ds/ska.h"
-#include "lib/fd.h"
 #include "dypclient.h"
+#include "lib/fd.h"
 #include "protocol/command.h"
 #include "protocol/handler.h"
 #include "protocol/packet.h"
@@ -233,17 +232,17 @@ TEST_F(AllocSweep, AdvertiseHandlers) {
         ASSERT_TRUE(full);
         ASSERT_EQ(full->size(), DYP_ADVERTISE_REPLY_SIZE);
         std::optional<bytes> got;
-        unsigned made = sweep([&] { got = step(port, request); },
-                    [&](bool failed) {
-                        EXPECT_EQ(dyp_alloc_live(), live);
-                        ASSERT_TRUE(got);
-                        EXPECT_EQ(got->size(), DYP_ADVERTISE_REPLY_SIZE);
-                        if (failed)
-                            EXPECT_EQ(dyp::decode_advertise_reply(got->data(), got->size())
-                                          .description,
-                                      "");
-                        EXPECT_EQ(step(port, request), full);
-                    });
+        unsigned made = sweep(
+            [&] { got = step(port, request); },
+            [&](bool failed) {
+                EXPECT_EQ(dyp_alloc_live(), live);
+                ASSERT_TRUE(got);
+                EXPECT_EQ(got->size(), DYP_ADVERTISE_REPLY_SIZE);
+                if (failed)
+                    EXPECT_EQ(dyp::decode_advertise_reply(got->data(), got->size()).description,
+                              "");
+                EXPECT_EQ(step(port, request), full);
+            });
         std::printf("advertise on %u: %u allocations swept\n", port, made);
     }
     stop();

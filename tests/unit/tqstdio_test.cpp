@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "lib/alloc.h"
+#include "support/time_limit.h"
 
 namespace {
 
@@ -58,4 +59,5 @@ TEST(TqGetNlines, CountsEveryLineEndAndAnUnterminatedLastLine) {
     std::ofstream(path) << "a\r\nb\n\nlast";
     EXPECT_EQ(tq_get_nlines(path.c_str()), 5);
     unlink(path.c_str());
+    EXPECT_EQ(run_with_time_limit([] { return tq_get_nlines("/dev/zero"); }), -EFBIG);
 }
