@@ -37,6 +37,7 @@ void report_drops() {
     drops = {0, true, now};
 }
 
+// The queued reply due first; null when none is queued.
 dypd_queued_reply *earliest() {
     dypd_queued_reply *first = nullptr;
     for (int i = 0; slots != nullptr && i < DYPD_REPLY_QUEUE_SLOTS; ++i) {
