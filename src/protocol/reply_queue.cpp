@@ -26,8 +26,10 @@ struct {
     uint64_t logged_at_us;
 } drops;
 
-void count_drop() {
-    ++drops.count;
+// Logs the refusals counted since the last notice, at most once a minute.
+void report_drops() {
+    if (drops.count == 0)
+        return;
     uint64_t now = clock_us();
     if (drops.logged && now - drops.logged_at_us < DROP_NOTICE_INTERVAL_US)
         return;
@@ -35,6 +37,7 @@ void count_drop() {
     drops = {0, true, now};
 }
 
+// The queued reply due first; null when none is queued.
 dypd_queued_reply *earliest() {
     dypd_queued_reply *first = nullptr;
     for (int i = 0; slots != nullptr && i < DYPD_REPLY_QUEUE_SLOTS; ++i) {
@@ -76,7 +79,8 @@ dypd_queued_reply *dypd_reply_queue_slot(const sockaddr_in *peer) {
         }
     }
     if (free_slot == nullptr || same_address >= DYPD_REPLY_QUEUE_PER_ADDRESS) {
-        count_drop();
+        ++drops.count;
+        report_drops();
         return nullptr;
     }
     return free_slot;
@@ -110,6 +114,8 @@ void dypd_reply_queue_send_due() {
         dypd_send_datagram(r->endpoint, r->bytes, r->size, &r->peer);
         r->endpoint = nullptr;
     }
+    // Refusals of a burst that has ended are reported all the same.
+    report_drops();
 }
 
 void dypd_send_datagram(dypd_udp_port *endpoint, const uint8_t *data, uint32_t size,

@@ -42,7 +42,8 @@ void dypd_reply_queue_push(dypd_queued_reply *slot, dypd_udp_port *endpoint,
 // Milliseconds until the earliest reply is due, rounded up; 0 when one is
 // due already, -1 when none is queued.
 int dypd_reply_queue_wait_ms();
-// Sends every reply that is due, earliest first.
+// Sends every reply that is due, earliest first, and logs the refusals not
+// yet reported once their minute has passed.
 void dypd_reply_queue_send_due();
 
 // Sends `size` bytes from the endpoint's socket to `peer`, repeating an

@@ -100,6 +100,17 @@ TEST_F(ReplyQueueTest, RefusesTheFifthPerAddressAndTheSixtyFifthInAllCountingEac
     // A reply sent frees its slot, for its own address as for any other.
     dypd_reply_queue_send_due();
     EXPECT_TRUE(queue(address("127.0.1.99")));
+    // A refusal left over from a burst is reported once its minute is up,
+    // without waiting for another.
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(queue(address("127.0.1.99")));
+    EXPECT_FALSE(queue(address("127.0.1.99"))) << "within the minute: counted, not logged";
+    now_us += 59999999;
+    dypd_reply_queue_send_due();
+    EXPECT_EQ(log.count(LOG_NOTICE, DROPPED), 2);
+    now_us += 1;
+    dypd_reply_queue_send_due();
+    EXPECT_EQ(log.count(LOG_NOTICE, std::string(DROPPED) + "1"), 2);
 }
 
 TEST_F(ReplyQueueTest, SendsDueRepliesEarliestFirstByteExactAndNothingEarly) {
