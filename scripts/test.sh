@@ -20,4 +20,10 @@ echo "=== normal build"
 run build
 echo "=== sanitizer build (address, undefined)"
 run build-asan -DDYPD_SANITIZE=ON
+
+# Both builds above replay the fuzz corpora as tests; here every target is
+# also fuzzed for a short while (clang and its runtime are installed for it).
+echo "=== fuzz targets, 20 s each"
+install_missing clang-14 libclang-rt-14-dev
+scripts/fuzz.sh 20 || status=1
 exit $status
