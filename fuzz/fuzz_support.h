@@ -13,7 +13,8 @@
 // another process. Ends the process when that is impossible.
 void fuzz_enter_private_network();
 
-// Every line the daemon code logs is formatted and then dropped.
+// Every line the daemon code logs is formatted and then dropped (cheap
+// enough to ask for at each input).
 void fuzz_silence_log();
 
 // Ends the process with `what` when a set-up step failed: a target that
