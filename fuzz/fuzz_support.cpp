@@ -18,8 +18,8 @@
 void fuzz_require(bool ok, const char *what) {
     if (ok)
         return;
-    fprintf(stderr, "fuzz set-up failed: %s (%s)\n", what, strerror(errno));
-    _exit(2);
+    fprintf(stderr, "fuzz target: expected %s (errno: %s)\n", what, strerror(errno));
+    abort();
 }
 
 void fuzz_enter_private_network() {

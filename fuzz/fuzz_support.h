@@ -17,8 +17,9 @@ void fuzz_enter_private_network();
 // enough to ask for at each input).
 void fuzz_silence_log();
 
-// Ends the process with `what` when a set-up step failed: a target that
-// cannot reach the code it is meant to exercise must not pass quietly.
+// Aborts with `what` when a set-up step failed (a target that cannot reach
+// the code it is meant to exercise must not pass quietly) or when an
+// outcome the code promises did not hold.
 void fuzz_require(bool ok, const char *what);
 
 // A file in memory that each input refills; path() names it for code that

@@ -22,6 +22,7 @@
 #include "lib/text.h"
 #include "protocol/command.h"
 #include "protocol/handler.h"
+#include "protocol/packet.h"
 #include "sim_seam.h"
 
 namespace {
@@ -47,10 +48,12 @@ bool readable(int fd) {
     return poll(&ready, 1, 0) == 1;
 }
 
+// Takes every reply a host got; none may be longer than a response can be.
 void drain(int fd) {
-    uint8_t reply[1024];
-    while (recv(fd, reply, sizeof reply, MSG_DONTWAIT) >= 0) {
-    }
+    uint8_t reply[2 * DYP_RESPONSE_MAX];
+    ssize_t size;
+    while ((size = recv(fd, reply, sizeof reply, MSG_DONTWAIT)) >= 0)
+        fuzz_require(size <= static_cast<ssize_t>(DYP_RESPONSE_MAX), "a reply within 520 bytes");
 }
 
 struct box {

@@ -3,6 +3,7 @@
 // device server is started as the daemon starts it; one input is one
 // datagram from a host on loopback.
 #include <netinet/in.h>
+#include <string_view>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -54,9 +55,15 @@ struct ska_box {
         pollfd ready{fd, POLLIN, 0};
         if (poll(&ready, 1, 0) == 1)
             dypd_ds_subproto_handler(nullptr, &readset);
+        // An echo gives back the packet as it was received (a longer
+        // datagram is cut to the buffer), not a byte more or other.
+        const std::string_view received = datagram.substr(0, SKA_BUFFER_SIZE);
         uint8_t echo[SKA_BUFFER_SIZE + 16];
-        while (recv(host.get(), echo, sizeof echo, MSG_DONTWAIT) >= 0) {
-        }
+        ssize_t size;
+        while ((size = recv(host.get(), echo, sizeof echo, MSG_DONTWAIT)) >= 0)
+            fuzz_require(std::string_view(reinterpret_cast<char *>(echo),
+                                          static_cast<size_t>(size)) == received,
+                         "an echo equal to the packet");
     }
 };
 
