@@ -26,6 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     refused_or_decoded([&] { return dyp::decode_usb_port_name(result); });
     refused_or_decoded([&] { return dyp::decode_ok_ng(result); });
     if (size >= 2)
-        refused_or_decoded([&] { return dyp::status_bits(static_cast<uint16_t>(data[0] << 8 | data[1])); });
+        refused_or_decoded(
+            [&] { return dyp::status_bits(static_cast<uint16_t>(data[0] << 8 | data[1])); });
     return 0;
 }

@@ -88,8 +88,10 @@ struct box {
         fake_now += (control >> 2) * CLOCK_STEP_MS;
         const unique_fd &host = hosts[control & 1];
         dypd_udp_port *endpoint = dyp_daemon.endpoints[(control >> 1) & 1];
-        sockaddr_in to{AF_INET, htons(static_cast<uint16_t>(ports[(control >> 1) & 1])),
-                       {htonl(INADDR_LOOPBACK)}, {}};
+        sockaddr_in to{AF_INET,
+                       htons(static_cast<uint16_t>(ports[(control >> 1) & 1])),
+                       {htonl(INADDR_LOOPBACK)},
+                       {}};
         if (sendto(host.get(), datagram.data(), datagram.size(), 0,
                    reinterpret_cast<const sockaddr *>(&to), sizeof to) < 0)
             return; // too long for one datagram

@@ -3,8 +3,8 @@
 // device server is started as the daemon starts it; one input is one
 // datagram from a host on loopback.
 #include <netinet/in.h>
-#include <string_view>
 #include <poll.h>
+#include <string_view>
 #include <sys/socket.h>
 
 #include "driver_record.h"
