@@ -34,4 +34,10 @@ run build-asan -DDYPD_SANITIZE=ON
 echo "=== install, service files, packages, man pages"
 install_missing lintian mandoc systemd dpkg-dev man-db
 scripts/package-test.sh build || status=1
+
+# Both builds above replay the fuzz corpora as tests; here every target is
+# also fuzzed for a short while (clang and its runtime are installed for it).
+echo "=== fuzz targets, 20 s each"
+install_missing clang-14 libclang-rt-14-dev
+scripts/fuzz.sh 20 || status=1
 exit $status
