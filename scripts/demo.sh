@@ -14,7 +14,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 . scripts/lib.sh
-install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux
+install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux libcli11-dev nlohmann-json3-dev
 
 echo "== building (build-demo)"
 cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null

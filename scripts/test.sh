@@ -6,6 +6,8 @@ cd "$(dirname "$0")/.."
 
 . scripts/lib.sh
 install_missing cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux
+# dypctl: command line and JSON libraries (header-only)
+install_missing libcli11-dev nlohmann-json3-dev
 
 jobs=$(nproc)
 status=0
