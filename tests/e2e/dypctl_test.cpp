@@ -210,6 +210,11 @@ TEST(DypctlLoopback, KeepaliveReportsAMissedEchoAndGoesOn) {
     fake_box silent([](const fake_box::packet &, int) { return std::vector<fake_box::packet>{}; });
     expect_run(run_dypctl("keepalive " + silent.host() + " scanner1 --timeout 0.1 --retries 0"), 3,
                {"keep-alive 1 to " + silent.host() + ": no echo"});
+    // Under --json every failure is a JSON object as well, also one that ends the run.
+    auto failed = run_dypctl("keepalive " + silent.host() +
+                             " serial:X --json --timeout 0.1 --retries 0 2>/dev/null");
+    EXPECT_EQ(failed.status, 3);
+    EXPECT_EQ(parsed_json(failed)["exit_status"], 3);
     // --count 0 runs until interrupted, and an interrupt is a normal end.
     fake_box echo([](const fake_box::packet &req, int) { return std::vector<fake_box::packet>{req}; });
     auto endless = run_dypctl("keepalive " + echo.host() + " scanner1 --count 0 --interval 0.05",

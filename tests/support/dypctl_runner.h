@@ -19,10 +19,12 @@ struct dypctl_result {
     std::string out;
 };
 
-// Runs dypctl with `args` (after `prefix`); standard error joins standard output.
+// Runs dypctl with `args` (after `prefix`); standard error joins standard
+// output unless `args` redirect it.
 inline dypctl_result run_dypctl(const std::string &args, const std::string &prefix = "") {
     dypctl_result r;
-    FILE *pipe = popen((prefix + DYPCTL_BINARY + " " + args + " 2>&1").c_str(), "r");
+    const char *errors = args.find("2>") == std::string::npos ? " 2>&1" : "";
+    FILE *pipe = popen((prefix + DYPCTL_BINARY + " " + args + errors).c_str(), "r");
     if (pipe == nullptr)
         return r;
     char chunk[512];

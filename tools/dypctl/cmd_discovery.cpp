@@ -27,7 +27,8 @@ struct discover_args {
 
 void add_discover_options(CLI::App &cmd, discover_args &a) {
     add_discovery_options(cmd, a.interface, a.address);
-    cmd.add_option("--port", a.port, "the boxes' DYP port (default 19540)")->check(decimal_port);
+    cmd.add_option("--port", a.port, "the boxes' DYP port (default 19540)")
+        ->check(decimal_range(1, 65535));
     cmd.add_option("--timeout", a.timeout,
                    "seconds to collect answers (default 0.5: a box answers within 150 ms "
                    "plus the network's delay)")

@@ -73,6 +73,16 @@ std::string suggestion(const CLI::App &app, int argc, char **argv) {
     return "";
 }
 
+// A failure after parsing: its text on standard error and, when JSON was
+// asked for, also as a JSON object on standard output, so that a script
+// reading the output sees why it ended.
+int failure(int status, const std::string &message, bool as_json) {
+    std::cerr << "dypctl: " << message << "\n";
+    if (as_json)
+        print_json({{"error", message}, {"exit_status", status}});
+    return status;
+}
+
 int usage(const std::string &message, const std::string &command) {
     std::cerr << "dypctl: " << message << "\n(dypctl " << (command.empty() ? "" : command + " ")
               << "--help shows the usage)\n";
@@ -109,21 +119,20 @@ int main(int argc, char **argv) {
     } catch (const CLI::ParseError &e) {
         return usage(e.what() + suggestion(app, argc, argv), command);
     }
+    bool as_json = false;
+    for (int i = 1; i < argc; ++i)
+        as_json = as_json || std::string(argv[i]) == "--json";
     try {
         return run();
     } catch (const std::invalid_argument &e) { // a HOST or DEVICE of the wrong form
         return usage(e.what(), command);
     } catch (const dyp::selection_error &e) {
-        std::cerr << "dypctl: " << e.what() << "\n";
-        return EXIT_REFUSED;
+        return failure(EXIT_REFUSED, e.what(), as_json);
     } catch (const dyp::timeout_error &e) {
-        std::cerr << "dypctl: timeout: " << e.what() << "\n";
-        return EXIT_TIMEOUT;
+        return failure(EXIT_TIMEOUT, std::string("timeout: ") + e.what(), as_json);
     } catch (const dyp::malformed_reply &e) {
-        std::cerr << "dypctl: malformed reply: " << e.what() << "\n";
-        return EXIT_MALFORMED;
+        return failure(EXIT_MALFORMED, std::string("malformed reply: ") + e.what(), as_json);
     } catch (const std::exception &e) { // dyp::local_error: a failure on this host
-        std::cerr << "dypctl: " << e.what() << "\n";
-        return EXIT_LOCAL;
+        return failure(EXIT_LOCAL, e.what(), as_json);
     }
 }
