@@ -65,9 +65,10 @@ int main(int argc, char **argv) {
     int failures = 0;
     for (int run = 0; run < runs; ++run) {
         auto start = std::chrono::steady_clock::now();
-        std::string out = output_of("ip netns exec " + bed.host().name() + " " DYPCTL_BINARY
-                                    " inventory --json");
-        double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        std::string out =
+            output_of("ip netns exec " + bed.host().name() + " " DYPCTL_BINARY " inventory --json");
+        double took =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         auto doc = nlohmann::json::parse(out, nullptr, false);
         size_t listed_boxes = 0, devices = 0;
         if (!doc.is_discarded())

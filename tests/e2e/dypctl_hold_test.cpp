@@ -5,8 +5,8 @@
 #include <chrono>
 #include <csignal>
 #include <iostream>
-#include <sys/wait.h>
 #include <sstream>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 

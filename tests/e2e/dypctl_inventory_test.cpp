@@ -4,8 +4,8 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <set>
 #include <poll.h>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -47,8 +47,8 @@ class advertise_only_box {
                 continue;
             sockaddr_in from{};
             socklen_t size = sizeof from;
-            ssize_t n = recvfrom(fd_.get(), in, sizeof in, 0, reinterpret_cast<sockaddr *>(&from),
-                                 &size);
+            ssize_t n =
+                recvfrom(fd_.get(), in, sizeof in, 0, reinterpret_cast<sockaddr *>(&from), &size);
             if (n < 88 || in[0] != 0 || in[1] != 4)
                 continue;
             uint8_t reply[164] = {0x00, 0x02, in[2], in[3]};
@@ -106,8 +106,9 @@ TEST_F(DypctlInventoryTest, ListsEveryDeviceOfEveryBoxAndTheSilentBoxWithItsErro
         ASSERT_EQ(box["devices"].size(), 3u) << box;
         for (const auto &d : box["devices"]) {
             ++devices;
-            serials.insert(box["hostname"].get<std::string>() + "/" + d["interface"].get<std::string>() +
-                           "=" + d["serial"].get<std::string>());
+            serials.insert(box["hostname"].get<std::string>() + "/" +
+                           d["interface"].get<std::string>() + "=" +
+                           d["serial"].get<std::string>());
         }
         EXPECT_EQ(box["devices"][0]["holder"], "192.0.2.20");
         EXPECT_EQ(box["devices"][0]["vid_pid"], "1f3a:0410");
@@ -119,8 +120,9 @@ TEST_F(DypctlInventoryTest, ListsEveryDeviceOfEveryBoxAndTheSilentBoxWithItsErro
 
     // The table says the same, one line per device and one for the error.
     auto table = in_host("inventory --timeout 0.5 --retries 0");
-    expect_run(table, 3, {"box9", "192.0.2.19", "scanner3", "3c41:7a01", "CO7A01X9", "F114",
-                          "mute", "192.0.2.21      error: no answer"});
+    expect_run(table, 3,
+               {"box9", "192.0.2.19", "scanner3", "3c41:7a01", "CO7A01X9", "F114", "mute",
+                "192.0.2.21      error: no answer"});
 }
 
 } // namespace

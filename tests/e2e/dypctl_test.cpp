@@ -18,7 +18,8 @@ using nlohmann::json;
 // writer: scanner4 shares scanner2's ids, and its description holds valid
 // multi-byte UTF-8 next to bytes that are not UTF-8 at all.
 const char EXTRA_DEVICES[] = "\n[scanner4]\nmanufacturer=Caf\xc3\xa9 \xe6\x9d\xb1\n"
-                             "product=Bad\xff\xfe" "End\nvendor_id=0x2b7c\nproduct_id=0x00c2\n"
+                             "product=Bad\xff\xfe"
+                             "End\nvendor_id=0x2b7c\nproduct_id=0x00c2\n"
                              "location=H115\nserial=DUP-4\n";
 
 // dypd with the simulated driver in a box namespace, dypctl in the host
@@ -34,8 +35,8 @@ class DypctlDaemonTest : public ::testing::Test {
                                     host_link + "/address")
                        .substr(0, 17);
         devices = bed.dir() + "/devices.ini";
-        write_text_file(devices, read_text_file(DYPTEST_SOURCE_DIR "/examples/devices.ini") +
-                                     EXTRA_DEVICES);
+        write_text_file(devices,
+                        read_text_file(DYPTEST_SOURCE_DIR "/examples/devices.ini") + EXTRA_DEVICES);
         start_box(0, "Ctl Scan Hub", "ctlbox");
     }
 
@@ -44,9 +45,8 @@ class DypctlDaemonTest : public ::testing::Test {
         write_text_file(conf, "product=" + product + "\nhostname=" + hostname + "\n");
         auto serials = example_serials();
         serials["1-1.5"] = "DUP-4";
-        ASSERT_TRUE(bed.start(daemon_script_with(conf, devices, serials,
-                                                 "DYPSIM_LOG=" + sim_log(box)),
-                              {19540}, box))
+        ASSERT_TRUE(bed.start(
+            daemon_script_with(conf, devices, serials, "DYPSIM_LOG=" + sim_log(box)), {19540}, box))
             << "no daemon:\n"
             << bed.output(box);
     }
@@ -143,7 +143,8 @@ TEST_F(DypctlDaemonTest, ConnectSaysWhyTheBoxRefusedAndSendsDecimalPorts) {
 
 TEST_F(DypctlDaemonTest, JsonOfEveryCommandParsesAndIsUtf8) {
     const std::string good = "Caf\xc3\xa9 \xe6\x9d\xb1 ";
-    const std::string replaced = "Bad\xef\xbf\xbd\xef\xbf\xbd" "End"; // U+FFFD twice
+    const std::string replaced = "Bad\xef\xbf\xbd\xef\xbf\xbd"
+                                 "End"; // U+FFFD twice
     auto list = parsed_json(in_host("devices 192.0.2.1 --ex --json"));
     ASSERT_EQ(list["devices"].size(), 4u) << list;
     EXPECT_EQ(list["devices"][3]["description"], good + replaced);
@@ -197,9 +198,9 @@ TEST(DypctlLoopback, KeepaliveReportsAMissedEchoAndGoesOn) {
     fake_box flaky([](const fake_box::packet &req, int index) {
         return index == 1 ? std::vector<fake_box::packet>{} : std::vector<fake_box::packet>{req};
     });
-    auto counted =
-        run_dypctl("keepalive " + flaky.host() + " scanner1 --count 3 --interval 0.01 "
-                   "--timeout 0.1 --retries 0 --json");
+    auto counted = run_dypctl("keepalive " + flaky.host() +
+                              " scanner1 --count 3 --interval 0.01 "
+                              "--timeout 0.1 --retries 0 --json");
     EXPECT_EQ(counted.status, 0) << counted.out;
     std::vector<bool> echoes;
     std::istringstream lines(counted.out);
@@ -216,7 +217,8 @@ TEST(DypctlLoopback, KeepaliveReportsAMissedEchoAndGoesOn) {
     EXPECT_EQ(failed.status, 3);
     EXPECT_EQ(parsed_json(failed)["exit_status"], 3);
     // --count 0 runs until interrupted, and an interrupt is a normal end.
-    fake_box echo([](const fake_box::packet &req, int) { return std::vector<fake_box::packet>{req}; });
+    fake_box echo(
+        [](const fake_box::packet &req, int) { return std::vector<fake_box::packet>{req}; });
     auto endless = run_dypctl("keepalive " + echo.host() + " scanner1 --count 0 --interval 0.05",
                               "timeout --preserve-status -s INT 0.6 ");
     expect_run(endless, 0, {"keep-alive 3 to"});

@@ -35,7 +35,8 @@ inline dypctl_result run_dypctl(const std::string &args, const std::string &pref
     return r;
 }
 
-inline void expect_run(const dypctl_result &r, int status, std::initializer_list<std::string> parts) {
+inline void expect_run(const dypctl_result &r, int status,
+                       std::initializer_list<std::string> parts) {
     EXPECT_EQ(r.status, status) << r.out;
     for (const auto &part : parts)
         EXPECT_NE(r.out.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << r.out;

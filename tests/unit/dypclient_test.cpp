@@ -159,8 +159,8 @@ TEST(DypclientSelect, NoMatchAndSeveralMatchesAreRefusedWithTheCandidates) {
                                "  scan2  serial B-2  location H12\n"
                                "  scan3  serial C-3  location H13");
     }
-    for (const char *bad : {"", "serial:", "usb:1f3a", "usb:1f3a:", "usb:12345:1", "usb:xy:1",
-                            "sixteencharsxxxx"})
+    for (const char *bad :
+         {"", "serial:", "usb:1f3a", "usb:1f3a:", "usb:12345:1", "usb:xy:1", "sixteencharsxxxx"})
         EXPECT_THROW((void)dyp::parse_selector(bad), std::invalid_argument) << bad;
 }
 
@@ -187,7 +187,7 @@ TEST(DypclientEndpoint, HostAndPortAreIpv4AndDecimal) {
     auto hp = dyp::split_host_port("box:010", 1);
     EXPECT_EQ(hp.host + ":" + std::to_string(hp.port), "box:10");
     EXPECT_EQ(dyp::split_host_port("box", 49235).port, 49235);
-    for (const char *bad : {"::1", "[::1]:19540", "fe80::1", "box:0", "box:65536", "box:0x10",
-                            ":19540", "box:"})
+    for (const char *bad :
+         {"::1", "[::1]:19540", "fe80::1", "box:0", "box:65536", "box:0x10", ":19540", "box:"})
         EXPECT_THROW((void)dyp::split_host_port(bad, 1), std::invalid_argument) << bad;
 }

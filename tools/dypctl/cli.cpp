@@ -44,7 +44,7 @@ CLI::Validator decimal_range(unsigned long min, unsigned long max) {
                 return "\"" + text + "\" is not within " + range;
             return "";
         },
-        "DECIMAL " + range);
+        ""); // the range is in the message; the option's type name says what it takes
 }
 
 const CLI::Validator decimal_port = decimal_range(0, 65535);
@@ -56,7 +56,7 @@ const CLI::Validator hex_id(
             return "\"" + text + "\" is not a hexadecimal id of 1 to 4 digits";
         return "";
     },
-    "HEX");
+    "");
 
 const CLI::Validator byte_value(
     [](std::string &text) -> std::string {
@@ -67,7 +67,7 @@ const CLI::Validator byte_value(
             return "\"" + text + "\" is not a number from 0 to 255 (decimal, or hex with 0x)";
         return "";
     },
-    "0-255");
+    "");
 
 const CLI::Validator positive_seconds(
     [](std::string &text) -> std::string {
@@ -75,7 +75,7 @@ const CLI::Validator positive_seconds(
             return "\"" + text + "\" is not a number of seconds above 0 and at most 3600";
         return "";
     },
-    "SECONDS");
+    "");
 
 const CLI::Validator mac_address(
     [](std::string &text) -> std::string {
@@ -84,7 +84,7 @@ const CLI::Validator mac_address(
             ok = (i % 3 == 2) ? text[i] == ':' : isxdigit(static_cast<unsigned char>(text[i]));
         return ok ? "" : "\"" + text + "\" is not a MAC address (aa:bb:cc:dd:ee:ff)";
     },
-    "MAC");
+    "");
 
 unsigned long decimal(const std::string &text) {
     return std::stoul(text, nullptr, 10);
@@ -137,9 +137,11 @@ void add_json_flag(CLI::App &cmd, bool &json) {
 
 void add_discovery_options(CLI::App &cmd, std::string &interface, std::string &address) {
     auto *i = cmd.add_option("--interface", interface,
-                             "broadcast on this interface only (its IPv4 broadcast address)");
-    auto *a = cmd.add_option("--address", address, "broadcast to this IPv4 address only")
-                  ->check(CLI::ValidIPV4);
+                             "discover on this interface only (its IPv4 broadcast address)")
+                  ->type_name("IF");
+    auto *a = cmd.add_option("--address", address, "discover by broadcasting to this address only")
+                  ->type_name("BCAST")
+                  ->check(CLI::Validator(CLI::ValidIPV4).description(""));
     i->excludes(a);
 }
 
@@ -147,11 +149,14 @@ void add_box_options(CLI::App &cmd, box_options &o) {
     cmd.add_option("HOST", o.host,
                    "the box: IPv4 address, advertised host name or resolvable name, "
                    "optionally with :PORT")
-        ->required();
+        ->required()
+        ->type_name("");
     add_json_flag(cmd, o.json);
     cmd.add_option("--timeout", o.timeout, "seconds to wait for each answer (default 1)")
+        ->type_name("S")
         ->check(positive_seconds);
-    cmd.add_option("--retries", o.retries, "resends of an unanswered packet (default 3)")
+    cmd.add_option("--retries", o.retries, "resends of an unanswered packet, 0 to 100 (default 3)")
+        ->type_name("N")
         ->check(decimal_range(0, 100));
     add_discovery_options(cmd, o.interface, o.address);
 }

@@ -57,11 +57,11 @@ void add_json_flag(CLI::App &cmd, bool &json);
 void add_discovery_options(CLI::App &cmd, std::string &interface, std::string &address);
 
 // Validators: each rejects with a message that names what it wants.
-extern const CLI::Validator decimal_port;   // 0-65535, decimal
-extern const CLI::Validator hex_id;         // 0-ffff, hexadecimal with or without 0x
-extern const CLI::Validator byte_value;     // 0-255, decimal or 0x hexadecimal
+extern const CLI::Validator decimal_port;     // 0-65535, decimal
+extern const CLI::Validator hex_id;           // 0-ffff, hexadecimal with or without 0x
+extern const CLI::Validator byte_value;       // 0-255, decimal or 0x hexadecimal
 extern const CLI::Validator positive_seconds; // above 0, at most 3600
-extern const CLI::Validator mac_address;    // aa:bb:cc:dd:ee:ff
+extern const CLI::Validator mac_address;      // aa:bb:cc:dd:ee:ff
 CLI::Validator decimal_range(unsigned long min, unsigned long max);
 
 // Conversions of values the validators accepted.

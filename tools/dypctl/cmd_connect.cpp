@@ -21,8 +21,8 @@ struct connect_args {
 
 // Why the box said NG, when its status tells: another holder, or a device
 // it does not know. Empty when the status does not explain it.
-std::string refusal_reason(const dyp::endpoint &box, const std::string &ifname,
-                           const in_addr &self, const dyp::transfer_options &transfer) {
+std::string refusal_reason(const dyp::endpoint &box, const std::string &ifname, const in_addr &self,
+                           const dyp::transfer_options &transfer) {
     try {
         auto s = dyp::decode_scanner_status(
             dyp::transfer_read(box, "GET SCANNER_STATUS:" + ifname, {}, transfer));
@@ -54,8 +54,8 @@ int run_connect(const connect_args &a, bool connect) {
         std::copy(mac.begin(), mac.end(), p.mac);
     }
     const char *command = connect ? "EXEC SCANNER CONNECT" : "EXEC SCANNER DISCONNECT";
-    bool ok = dyp::decode_ok_ng(dyp::transfer_exec(box, dyp::encode_connect_name(command, p),
-                                                   transfer));
+    bool ok =
+        dyp::decode_ok_ng(dyp::transfer_exec(box, dyp::encode_connect_name(command, p), transfer));
     std::string reason = ok ? "" : refusal_reason(box, p.ifname, p.ip, transfer);
     if (a.box.json) {
         json out = {{"interface", p.ifname}, {"result", ok ? "OK" : "NG"}};
@@ -138,13 +138,17 @@ void add_connection_commands(CLI::App &app, command_runner &run) {
             cmd->add_option("--port", c->port,
                             "the host port the box's driver talks to (default 0: the box uses "
                             "19540)")
+                ->type_name("P")
                 ->check(decimal_port);
             cmd->add_option("--options", c->options, "options byte (bits 0 and 1 are passed on)")
+                ->type_name("N")
                 ->check(byte_value);
             cmd->add_option("--mac", c->mac, "host MAC to report (default: the local interface's)")
+                ->type_name("M")
                 ->check(mac_address);
         }
-        cmd->callback([c, connect, &run] { run = [c, connect] { return run_connect(*c, connect); }; });
+        cmd->callback(
+            [c, connect, &run] { run = [c, connect] { return run_connect(*c, connect); }; });
     }
 
     auto k = std::make_shared<keepalive_args>();
@@ -155,11 +159,14 @@ void add_connection_commands(CLI::App &app, command_runner &run) {
     keepalive
         ->add_option("DEVICE", k->devices,
                      "interface names (scanner2), serial:TEXT or usb:VVVV:PPPP selectors")
+        ->type_name("")
         ->required();
     keepalive->add_option("--interval", k->interval, "seconds between keep-alives (default 1)")
+        ->type_name("S")
         ->check(positive_seconds);
-    keepalive->add_option("--count", k->count,
-                          "keep-alives to send (default 1; 0: until interrupted)")
+    keepalive
+        ->add_option("--count", k->count, "keep-alives to send (default 1; 0: until interrupted)")
+        ->type_name("N")
         ->check(decimal_range(0, 100000000));
     keepalive->callback([k, &run] { run = [k] { return run_keepalive(*k); }; });
 }

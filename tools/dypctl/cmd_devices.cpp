@@ -20,8 +20,8 @@ struct devices_args {
 
 int run_devices(const devices_args &a) {
     auto list = dyp::decode_device_list(
-        dyp::transfer_read(a.box.box(), a.ex ? "GET USB_DEVICE_LIST_EX" : "GET USB_DEVICE_LIST",
-                           {}, a.box.transfer()),
+        dyp::transfer_read(a.box.box(), a.ex ? "GET USB_DEVICE_LIST_EX" : "GET USB_DEVICE_LIST", {},
+                           a.box.transfer()),
         a.ex);
     if (a.box.json) {
         json devices = json::array();
@@ -72,14 +72,10 @@ int run_status(const status_args &a) {
         dyp::transfer_read(box, "GET SCANNER_STATUS:" + device.name, {}, transfer));
     bool found = s.status & STATUS_FOUND;
     if (a.box.json) {
-        json out = {{"interface", device.name},
-                    {"found", found},
-                    {"status", s.status},
-                    {"status_bits", status_bits_json(s.status)},
-                    {"holder", s.holder},
-                    {"holder_mac", s.holder_mac},
-                    {"box_mac", s.box_mac},
-                    {"description", s.description}};
+        json out = {{"interface", device.name}, {"found", found},
+                    {"status", s.status},       {"status_bits", status_bits_json(s.status)},
+                    {"holder", s.holder},       {"holder_mac", s.holder_mac},
+                    {"box_mac", s.box_mac},     {"description", s.description}};
         if (!device.serial.empty())
             out["serial"] = device.serial;
         print_json(out);
@@ -131,6 +127,7 @@ int run_port_name(const port_name_args &a) {
 void add_device_argument(CLI::App &cmd, std::string &device) {
     cmd.add_option("DEVICE", device,
                    "interface name (scanner2), serial:TEXT or usb:VVVV:PPPP (hex ids)")
+        ->type_name("")
         ->required();
 }
 
@@ -157,16 +154,21 @@ void add_device_commands(CLI::App &app, command_runner &run) {
         app.add_subcommand("port-name", "the interface name of a device given by ids and location");
     add_box_options(*port_name, n->box);
     port_name->add_option("--vid", n->vid, "vendor id, hexadecimal (1f3a or 0x1f3a)")
+        ->type_name("V")
         ->required()
         ->check(hex_id);
-    port_name->add_option("--pid", n->pid, "product id, hexadecimal")->required()->check(hex_id);
+    port_name->add_option("--pid", n->pid, "product id, hexadecimal")
+        ->type_name("P")
+        ->required()
+        ->check(hex_id);
     port_name->add_option("--location", n->location, "USB location text, e.g. H112")
+        ->type_name("L")
         ->required()
         ->check(CLI::Validator(
             [](std::string &text) {
                 return text.size() <= 16 ? std::string() : "location longer than 16 characters";
             },
-            "TEXT"));
+            ""));
     port_name->callback([n, &run] { run = [n] { return run_port_name(*n); }; });
 }
 

@@ -28,10 +28,12 @@ struct discover_args {
 void add_discover_options(CLI::App &cmd, discover_args &a) {
     add_discovery_options(cmd, a.interface, a.address);
     cmd.add_option("--port", a.port, "the boxes' DYP port (default 19540)")
+        ->type_name("P")
         ->check(decimal_range(1, 65535));
     cmd.add_option("--timeout", a.timeout,
                    "seconds to collect answers (default 0.5: a box answers within 150 ms "
                    "plus the network's delay)")
+        ->type_name("S")
         ->check(positive_seconds);
     add_json_flag(cmd, a.json);
 }
@@ -42,11 +44,16 @@ void report_problems(const std::vector<std::string> &problems) {
 }
 
 json box_json(const dyp::box_info &b) {
-    return {{"address", b.address},         {"port", b.port},
-            {"mac", b.mac},                 {"ip", b.ip},
-            {"product", b.product},         {"hostname", b.host_name},
-            {"version", b.version},         {"status", b.status},
-            {"status_bits", status_bits_json(b.status)}, {"device", b.description}};
+    return {{"address", b.address},
+            {"port", b.port},
+            {"mac", b.mac},
+            {"ip", b.ip},
+            {"product", b.product},
+            {"hostname", b.host_name},
+            {"version", b.version},
+            {"status", b.status},
+            {"status_bits", status_bits_json(b.status)},
+            {"device", b.description}};
 }
 
 int run_discover(const discover_args &a) {
@@ -110,8 +117,10 @@ int run_inventory(const inventory_args &a) {
     if (a.discovery.json) {
         json boxes = json::array();
         for (const auto &b : found.boxes) {
-            json box = {{"address", b.box.address}, {"port", b.box.port},
-                        {"hostname", b.box.host_name}, {"mac", b.box.mac},
+            json box = {{"address", b.box.address},
+                        {"port", b.box.port},
+                        {"hostname", b.box.host_name},
+                        {"mac", b.box.mac},
                         {"product", b.box.product}};
             if (b.listed) {
                 box["count"] = b.devices.count;
@@ -135,12 +144,11 @@ int run_inventory(const inventory_args &a) {
             if (!b.listed)
                 printf("%-15s %-15s error: %s\n", name, b.box.address.c_str(), b.error.c_str());
             for (const auto &d : b.devices.entries)
-                printf("%-15s %-15s %-15s %-9s %-20s %-16s %-15s %s\n", name,
-                       b.box.address.c_str(), d.name.c_str(),
-                       id_pair(d.vendor_id, d.product_id).c_str(),
+                printf("%-15s %-15s %-15s %-9s %-20s %-16s %-15s %s\n", name, b.box.address.c_str(),
+                       d.name.c_str(), id_pair(d.vendor_id, d.product_id).c_str(),
                        d.serial.empty() ? "-" : d.serial.c_str(),
-                       d.location.empty() ? "-" : d.location.c_str(),
-                       holder_text(d.holder).c_str(), bits_text(d.status).c_str());
+                       d.location.empty() ? "-" : d.location.c_str(), holder_text(d.holder).c_str(),
+                       bits_text(d.status).c_str());
         }
     }
     // A box that did not give its list is printed with its error, and the
@@ -161,8 +169,10 @@ void add_discovery_commands(CLI::App &app, command_runner &run) {
         "inventory", "list every device of every box on the LAN (boxes asked concurrently)");
     add_discover_options(*inventory, i->discovery);
     inventory->add_option("--retries", i->retries, "resends of an unanswered packet (default 3)")
+        ->type_name("N")
         ->check(decimal_range(0, 100));
     inventory->add_option("--parallel", i->parallel, "boxes asked at once (default 16)")
+        ->type_name("N")
         ->check(decimal_range(1, 1024));
     inventory->callback([i, &run] { run = [i] { return run_inventory(*i); }; });
 }

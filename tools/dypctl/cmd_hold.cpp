@@ -73,16 +73,19 @@ void add_hold_command(CLI::App &app, command_runner &run) {
                 "restart or once another host released it");
     add_box_options(*hold, h->box);
     add_device_argument(*hold, h->device);
-    hold->add_option("--port", h->port, "as for connect")->check(decimal_port);
-    hold->add_option("--options", h->options, "as for connect")->check(byte_value);
-    hold->add_option("--mac", h->mac, "as for connect")->check(mac_address);
+    hold->add_option("--port", h->port, "as for connect")->type_name("P")->check(decimal_port);
+    hold->add_option("--options", h->options, "as for connect")->type_name("N")->check(byte_value);
+    hold->add_option("--mac", h->mac, "as for connect")->type_name("M")->check(mac_address);
     hold->add_option("--interval", h->interval, "seconds between keep-alives (default 2)")
+        ->type_name("S")
         ->check(positive_seconds);
     hold->add_option("--check", h->check, "seconds between status reads (default 10)")
+        ->type_name("S")
         ->check(positive_seconds);
     hold->add_option("--retry-max", h->retry_max,
                      "longest pause between attempts to take the device again, in seconds "
                      "(default 30; the pause starts at 0.5 and doubles)")
+        ->type_name("S")
         ->check(positive_seconds);
     hold->callback([h, &run] { run = [h] { return run_hold(*h); }; });
 }

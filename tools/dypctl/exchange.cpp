@@ -61,7 +61,8 @@ bool udp_socket::receive(bytes &b, sockaddr_in &from,
             return false;
         b.resize(65536);
         socklen_t len = sizeof from;
-        ssize_t n = recvfrom(fd(), b.data(), b.size(), 0, reinterpret_cast<sockaddr *>(&from), &len);
+        ssize_t n =
+            recvfrom(fd(), b.data(), b.size(), 0, reinterpret_cast<sockaddr *>(&from), &len);
         if (n < 0 && (errno == EINTR || errno == ECONNREFUSED))
             continue; // an ICMP error from an earlier send is not an answer
         if (n < 0)
@@ -175,8 +176,8 @@ host_port split_host_port(std::string_view text, uint16_t default_port) {
     if (colon != std::string::npos) {
         std::string p = hp.host.substr(colon + 1);
         hp.host.resize(colon);
-        bool digits = !p.empty() && p.size() <= 5 &&
-                      p.find_first_not_of("0123456789") == std::string::npos;
+        bool digits =
+            !p.empty() && p.size() <= 5 && p.find_first_not_of("0123456789") == std::string::npos;
         unsigned long v = digits ? strtoul(p.c_str(), nullptr, 10) : 0;
         if (v == 0 || v > 65535)
             throw std::invalid_argument("bad port in \"" + std::string(text) + "\"");

@@ -164,8 +164,8 @@ class holder_loop {
     void release() {
         std::string detail = "released";
         try {
-            bool ok = decode_ok_ng(transfer_exec(box_, connect_name("EXEC SCANNER DISCONNECT"),
-                                                 opt_.transfer));
+            bool ok = decode_ok_ng(
+                transfer_exec(box_, connect_name("EXEC SCANNER DISCONNECT"), opt_.transfer));
             detail = ok ? "disconnected" : "the box refused the disconnect";
         } catch (const std::runtime_error &e) {
             detail = std::string("disconnect failed: ") + e.what();

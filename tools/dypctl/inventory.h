@@ -25,7 +25,7 @@ struct box_inventory {
 };
 
 struct inventory {
-    std::vector<box_inventory> boxes; // in order of discovery
+    std::vector<box_inventory> boxes;  // in order of discovery
     std::vector<std::string> problems; // discovery replies that were skipped
 };
 

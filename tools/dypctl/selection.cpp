@@ -73,8 +73,8 @@ usb_device pick_device(const device_selector &selector, const std::vector<usb_de
         std::string list;
         for (const usb_device *d : found)
             list += "\n" + candidate_line(*d);
-        throw selection_error(std::to_string(found.size()) + " devices match " +
-                              selector.original + " on " + host + ":" + list);
+        throw selection_error(std::to_string(found.size()) + " devices match " + selector.original +
+                              " on " + host + ":" + list);
     }
     return *found.front();
 }
