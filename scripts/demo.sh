@@ -10,7 +10,7 @@ root=$(pwd)
 
 . scripts/lib.sh
 require_root
-install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux
+install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux libcli11-dev nlohmann-json3-dev
 
 echo "== building (build-demo)"
 mkdir -p build-demo

@@ -8,9 +8,11 @@ cd "$(dirname "$0")/.."
 . scripts/lib.sh
 require_root
 install_missing cmake g++ make libgtest-dev libgmock-dev iproute2 util-linux
+# dypctl: command line and JSON libraries (header-only)
+install_missing libcli11-dev nlohmann-json3-dev
 # The Wireshark dissector's test: tcpdump records a live session, tshark
 # reads it, nlohmann's JSON parser reads tshark's and dypctl's output.
-install_missing tshark tcpdump nlohmann-json3-dev
+install_missing tshark tcpdump
 
 jobs=$(build_jobs)
 status=0
