@@ -19,7 +19,7 @@ set(DYPD_HARDEN_LINK_OPTIONS
     -Wl,-z,relro -Wl,-z,now
     -Wl,-z,noexecstack
     -Wl,--gc-sections
-    -Wl,-O1 -Wl,--as-needed)
+    -Wl,--as-needed)
 
 # MIPS linkers align segments for 64 KiB pages, which pads the file by up
 # to 64 KiB; the box's kernel uses 4 KiB pages. A kernel with larger pages

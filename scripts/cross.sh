@@ -9,8 +9,8 @@
 # build type is given. GoogleTest for the target is built from Debian's
 # sources once and kept in the build folder. For mipsel-linux-musl only the
 # daemon is built (there is no C++ runtime for musl to link tests with) and
-# run once under qemu. Every build ends with the hardening check; a test
-# failure or a missing hardening property fails the run.
+# run once under qemu. A failed test, a missing hardening property or a
+# daemon past its size budget fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -47,16 +47,15 @@ cmake -S . -B "$build" "${configure_options[@]}" "$@" >/dev/null
 cmake --build "$build" -j "$jobs"
 
 status=0
-scripts/check-hardening.sh "$build/dypd" || status=1
 case $triple in
     *-musl)
-        # The musl loader is found under / as on the box.
-        echo "=== run dypd -v under qemu"
-        version=$(qemu-mipsel "$build/dypd" -v) || status=1
-        echo "$version"
-        [ -n "$version" ] || status=1
+        scripts/check-hardening.sh "$build/dypd" || status=1
+        # musl's loader is found under / on the build machine as on the box.
+        echo "=== dypd -v under qemu"
+        qemu-mipsel "$build/dypd" -v | grep -x 'dypd version .*' || status=1
         ;;
     *)
+        # The hardening check and the size budget are tests of their own.
         echo "=== tests under qemu-user"
         (cd "$build" && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
         ;;

@@ -22,7 +22,7 @@ struct run_result {
 // Runs dypctl with `args` (after `prefix`); standard error joins standard output.
 run_result dypctl(const std::string &args, const std::string &prefix = "") {
     run_result r;
-    FILE *pipe = popen((prefix + DYPCTL_BINARY + " " + args + " 2>&1").c_str(), "r");
+    FILE *pipe = popen((prefix + DYPTEST_EMULATOR DYPCTL_BINARY " " + args + " 2>&1").c_str(), "r");
     if (pipe == nullptr)
         return r;
     char chunk[512];

@@ -107,7 +107,8 @@ TEST_F(UsbdsTest, KeepAlivePassesTheNamesCutToFifteenAndLogsItsFailuresOncePerRu
     EXPECT_EQ(last_request(),
               "keep_alive count=2 reserved=0 names=scanner1,kkkkkkkkkkkkkkk result=0");
 
-    const std::string open_failure = "cannot open the file, /proc/tquptp/driver (err: -2)";
+    const std::string open_failure =
+        "cannot open the file, /proc/tquptp/driver (err: " + std::to_string(-ENOENT) + ")";
     for (bool missing : {true, true, true, false, true}) {
         driver.control_file_missing = missing;
         module->keep_alive(module, &list);
