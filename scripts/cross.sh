@@ -37,14 +37,16 @@ build_googletest() {
 }
 
 configure_options=(-DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_BUILD_TYPE=MinSizeRel)
+targets=()
 case $triple in
-    *-musl) configure_options+=(-DDYPD_TESTS=OFF) ;;
+    # Host tools use the whole C++ library, which exists for glibc only.
+    *-musl) configure_options+=(-DDYPD_TESTS=OFF); targets=(--target dypd) ;;
     *) build_googletest; configure_options+=(-DGTest_DIR="$gtest_dir") ;;
 esac
 
 echo "=== build for $triple"
 cmake -S . -B "$build" "${configure_options[@]}" "$@" >/dev/null
-cmake --build "$build" -j "$jobs"
+cmake --build "$build" -j "$jobs" "${targets[@]}"
 
 status=0
 case $triple in

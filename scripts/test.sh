@@ -20,4 +20,20 @@ echo "=== normal build"
 run build
 echo "=== sanitizer build (address, undefined)"
 run build-asan -DDYPD_SANITIZE=ON
+
+# --- cross builds: the box's ISA in both byte orders, every test under
+# qemu-user, and the daemon with musl (scripts/cross.sh).
+echo "=== cross builds under qemu-user"
+if ! dpkg --print-foreign-architectures | grep -qx mipsel; then
+    dpkg --add-architecture mipsel
+    apt-get update -qq
+fi
+install_missing g++-mipsel-linux-gnu g++-mips-linux-gnu qemu-user googletest binutils musl-dev:mipsel
+for triple in mipsel-linux-gnu mips-linux-gnu mipsel-linux-musl; do
+    started=$SECONDS
+    JOBS=$jobs scripts/cross.sh "$triple" || status=1
+    echo "=== $triple: $((SECONDS - started)) s"
+done
+# --- end of cross builds
+
 exit $status
