@@ -1,4 +1,4 @@
-// Linked into the tests and the simulator library only when they run on a
+// Linked into the tests, and preloaded into every target program, when they run on a
 // big-endian target under qemu-user. qemu 7.2 copies IP_PKTINFO ancillary
 // data to the guest without converting it, so the interface index arrives
 // in the host's (little-endian) byte order and the daemon would look up
