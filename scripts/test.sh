@@ -42,4 +42,20 @@ scripts/package-test.sh build || status=1
 echo "=== fuzz targets, 20 s each"
 install_missing clang-14 libclang-rt-14-dev
 scripts/fuzz.sh 20 || status=1
+
+# --- cross builds: the box's ISA in both byte orders, every test under
+# qemu-user, and the daemon with musl (scripts/cross.sh).
+echo "=== cross builds under qemu-user"
+if ! dpkg --print-foreign-architectures | grep -qx mipsel; then
+    dpkg --add-architecture mipsel
+    apt-get update -qq
+fi
+install_missing g++-mipsel-linux-gnu g++-mips-linux-gnu qemu-user googletest binutils musl-dev:mipsel
+for triple in mipsel-linux-gnu mips-linux-gnu mipsel-linux-musl; do
+    started=$SECONDS
+    JOBS=$jobs scripts/cross.sh "$triple" || status=1
+    echo "=== $triple: $((SECONDS - started)) s"
+done
+# --- end of cross builds
+
 exit $status

@@ -123,3 +123,17 @@ constexpr unsigned long USBDS_IOC_GET_INTERFACE_NAMES =
     _IOWR(USBDS_IOC_TYPE, 0xF5, usbds_name_list_record);
 constexpr unsigned long USBDS_IOC_KEEP_ALIVE = _IOW(USBDS_IOC_TYPE, 0xF6, usbds_name_list_record);
 constexpr unsigned long USBDS_IOC_CONNECT_EX = _IOW(USBDS_IOC_TYPE, 0xF8, usbds_connect_ex_record);
+
+// The box is a 32-bit MIPS (o32 ABI). There the numbers must be the ones
+// the driver was built with; any MIPS o32 build, little- or big-endian,
+// checks them.
+#if defined(__mips__) && defined(_ABIO32) && _MIPS_SIM == _ABIO32
+static_assert(sizeof(usbds_name_list_record) == 8);
+static_assert(USBDS_IOC_CONNECT == 0x809855F0);
+static_assert(USBDS_IOC_DISCONNECT == 0x809055F1);
+static_assert(USBDS_IOC_GET_NUM_INTERFACES == 0x200055F2);
+static_assert(USBDS_IOC_GET_INTERFACE_INFO == 0xC2C055F4);
+static_assert(USBDS_IOC_GET_INTERFACE_NAMES == 0xC00855F5);
+static_assert(USBDS_IOC_KEEP_ALIVE == 0x800855F6);
+static_assert(USBDS_IOC_CONNECT_EX == 0x80AC55F8);
+#endif

@@ -22,6 +22,8 @@ const std::string USAGE = "Usage: dypd [options]\n"
                           " -i ifname      : Set Network Interfaces Name.(ex.\"eth0,!br1,*\")\n";
 const std::string VERSION = "dypd version 1.6.2 (DYP Ver 2.2.0)";
 const std::string BINARY = DYPD_BINARY;
+// The command that runs it (under the emulator when built for another ISA).
+const std::string DYPD = DYPTEST_EMULATOR DYPD_BINARY;
 // A file of this test process; parallel test processes never share it.
 const std::string CONF = "/tmp/dypd-e2e-" + std::to_string(getpid()) + ".conf";
 
@@ -67,12 +69,13 @@ TEST(CommandLine, StatusesAndTextsOfTheShortRuns) {
         {"-h", "", 0, "", USAGE},
         {"-x", "", 1, "", BINARY + ": invalid option -- 'x'\n" + USAGE},
         {"-f /nonexistent/dypd.conf -v", "", 1, "",
-         "Cannot access the config file /nonexistent/dypd.conf (err: 2)\n"},
+         "Cannot access the config file /nonexistent/dypd.conf (err: " + std::to_string(ENOENT) +
+             ")\n"},
         {"-d -f " + CONF, "portnum=19540,99999999999\n", 1, "", "Detected invalid configuration\n"},
     };
     for (const auto &c : cases) {
         std::ofstream(CONF) << c.config;
-        finished run = run_to_end(BINARY + " " + c.args);
+        finished run = run_to_end(DYPD + " " + c.args);
         EXPECT_EQ(run.status, c.status) << c.args;
         EXPECT_EQ(run.out, c.out) << c.args;
         EXPECT_EQ(run.err, c.err) << c.args;
@@ -88,7 +91,7 @@ TEST(Daemon, PrintsItsSettingsHoldsThePidFileAndRereadsOnlyTheNamesOnHangUp) {
     ASSERT_TRUE(bed.ready());
     const std::string conf = bed.dir() + "/dypd.conf";
     std::ofstream(conf) << "product=First\nhostname=office\nportnum=19540, 0x4c55\n";
-    const std::string script = "mount -t tmpfs dyprun /var/run && exec " + BINARY + " -d -i ";
+    const std::string script = "mount -t tmpfs dyprun /var/run && exec " + DYPD + " -d -i ";
     ASSERT_TRUE(bed.start(script + "'lo,!br1,*' -f " + conf, {19540, 19541, 49235}))
         << bed.output();
     const pid_t daemon = std::atoi(run_shell_output("ip netns pids " + bed.box().name()).c_str());
@@ -107,7 +110,7 @@ TEST(Daemon, PrintsItsSettingsHoldsThePidFileAndRereadsOnlyTheNamesOnHangUp) {
         << bed.output();
     const std::string enter = "nsenter -t " + std::to_string(daemon) + " -m -n ";
     EXPECT_EQ(run_shell_output(enter + "cat /var/run/dypd.pid"), std::to_string(daemon) + "\n");
-    finished second = run_to_end(enter + BINARY + " -d -f " + conf);
+    finished second = run_to_end(enter + DYPD + " -d -f " + conf);
     EXPECT_EQ(second.status, 256 - EALREADY);
     EXPECT_NE(second.err.find("failed to create a pid file"), std::string::npos) << second.err;
     EXPECT_EQ(run_shell_output(enter + "cat /var/run/dypd.pid"), std::to_string(daemon) + "\n");

@@ -27,13 +27,14 @@ TEST(DaemonSim, CommandsAdvertiseAndKeepAliveReachTheDriverAndComposeItsAnswers)
     ASSERT_TRUE(bed.ready());
     std::ofstream(bed.dir() + "/dypd.conf") << "portnum=19540,19541\nds_port=19540\n";
     // A /var/run for the pid file; a /sys/bus where only scanner1 (H112) has a serial.
-    std::string script =
-        "mount -t tmpfs dyprun /var/run && mount -t tmpfs dypsys /sys/bus"
-        " && mkdir -p /sys/bus/usb/devices/1-1.2"
-        " && echo NW410A00017 > /sys/bus/usb/devices/1-1.2/serial"
-        " && exec env LD_PRELOAD=" DYPSIM_PRELOAD " ASAN_OPTIONS=verify_asan_link_order=0"
-        " DYPSIM_DEVICES=" DYPTEST_SOURCE_DIR "/examples/devices.ini DYPSIM_LOG=" +
-        bed.dir() + "/driver.log " DYPD_BINARY " -d -f " + bed.dir() + "/dypd.conf";
+    std::string script = "mount -t tmpfs dyprun /var/run && mount -t tmpfs dypsys /sys/bus"
+                         " && mkdir -p /sys/bus/usb/devices/1-1.2"
+                         " && echo NW410A00017 > /sys/bus/usb/devices/1-1.2/serial"
+                         " && exec env " DYPTEST_PRELOAD_VARIABLE "=" DYPSIM_PRELOAD
+                         " ASAN_OPTIONS=verify_asan_link_order=0"
+                         " DYPSIM_DEVICES=" DYPTEST_SOURCE_DIR "/examples/devices.ini DYPSIM_LOG=" +
+                         bed.dir() + "/driver.log " DYPTEST_EMULATOR DYPD_BINARY " -d -f " +
+                         bed.dir() + "/dypd.conf";
     ASSERT_TRUE(bed.start(script, {19540, 49235})) << "no daemon:\n" << bed.output();
     netns_scope host(bed.host().name());
     ASSERT_TRUE(host.ok());

@@ -68,7 +68,7 @@ class DypctlHoldTest : public ::testing::Test {
                 (void)dup2(fileno(out), STDERR_FILENO);
             // Each exec keeps the process, so the pid is dypctl's own.
             const std::string command = "exec ip netns exec " + bed.host().name() + " " +
-                                        DYPCTL_BINARY + " hold 192.0.2.1 " + args + PACE;
+                                        DYPTEST_EMULATOR DYPCTL_BINARY + " hold 192.0.2.1 " + args + PACE;
             execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char *>(nullptr));
             _exit(127);
         }

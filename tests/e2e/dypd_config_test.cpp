@@ -11,7 +11,7 @@
 
 namespace {
 
-const std::string TOOL = DYPD_CONFIG_BINARY;
+const std::string TOOL = DYPTEST_EMULATOR DYPD_CONFIG_BINARY;
 const std::string SCRATCH = "/tmp/dypd-config-test-" + std::to_string(getpid());
 
 struct checked {

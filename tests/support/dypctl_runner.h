@@ -24,7 +24,7 @@ struct dypctl_result {
 inline dypctl_result run_dypctl(const std::string &args, const std::string &prefix = "") {
     dypctl_result r;
     const char *errors = args.find("2>") == std::string::npos ? " 2>&1" : "";
-    FILE *pipe = popen((prefix + DYPCTL_BINARY + " " + args + errors).c_str(), "r");
+    FILE *pipe = popen((prefix + DYPTEST_EMULATOR DYPCTL_BINARY + " " + args + errors).c_str(), "r");
     if (pipe == nullptr)
         return r;
     char chunk[512];

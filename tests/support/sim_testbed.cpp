@@ -70,9 +70,10 @@ std::string sim_testbed::daemon_script(const std::string &conf, const std::strin
     return "mount -t tmpfs dyprun /var/run && mount -t tmpfs dypsys /sys/bus"
            " && mkdir -p /sys/bus/usb/devices/1-1.2"
            " && echo NW410A00017 > /sys/bus/usb/devices/1-1.2/serial"
-           " && exec env LD_PRELOAD=" DYPSIM_PRELOAD " ASAN_OPTIONS=verify_asan_link_order=0"
+           " && exec env " DYPTEST_PRELOAD_VARIABLE "=" DYPSIM_PRELOAD
+           " ASAN_OPTIONS=verify_asan_link_order=0"
            " DYPSIM_DEVICES=" DYPTEST_SOURCE_DIR "/examples/devices.ini " +
-           env + " " DYPD_BINARY " -d -f " + conf;
+           env + " " DYPTEST_EMULATOR DYPD_BINARY " -d -f " + conf;
 }
 
 std::string sim_testbed::box_mac(int i) const {

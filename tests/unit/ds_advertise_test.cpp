@@ -63,6 +63,8 @@ TEST_F(DsAdvertise, ModuleFailuresMoveOnAndOnlyRealOnesAreLogged) {
     ASSERT_EQ(advertise(), 164);
     EXPECT_EQ(description(), "found");
     EXPECT_EQ(status(), 0x8083);
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get interface info module second (err: -5)"), 1);
+    EXPECT_EQ(log.count(LOG_ERR, "cannot get interface info module second (err: " +
+                                     std::to_string(-EIO) + ")"),
+              1);
     EXPECT_EQ(log.lines().size(), 1u);
 }

@@ -31,6 +31,8 @@ TEST(ModuleWalk, FetchClampsTheRequestDistrustsInflatedCountsAndLogsRealFailures
         module.names_result = failure;
         EXPECT_EQ(dypd_ds_fetch_names(module.get(), 255, &names), 0);
     }
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get interface names module broken (err: -1)"), 1);
+    EXPECT_EQ(log.count(LOG_ERR, "cannot get interface names module broken (err: " +
+                                     std::to_string(-EPERM) + ")"),
+              1);
     EXPECT_EQ(log.lines().size(), 1u);
 }

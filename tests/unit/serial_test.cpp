@@ -24,7 +24,7 @@ TEST(SerialLookup, LocationsMapToSysfsDevicesAndTheirSerials) {
          "LONG\n", 0, "LONG", 0, ""},
         {"no serial file", "H123", "9", "x", 0, "", 0, ""},
         {"file fills the whole read", "H123", "1-2.3", std::string(200, 'Z'), -ENOBUFS, "", LOG_ERR,
-         "cannot open serial error -105"},
+         "cannot open serial error " + std::to_string(-ENOBUFS)},
         {"unknown kind", "X1-2", "9", "x", -EINVAL, "", LOG_INFO, " unknown location (X1-2)\n"},
     };
     char root[] = "/tmp/dypsysfsXXXXXX";

@@ -1,5 +1,6 @@
 #include "modules/usbds.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 
 #include "sim_seam.h"
@@ -19,13 +20,22 @@ class UsbdsTest : public ::testing::Test {
         return module->get_interface_info(module, &record);
     }
     const std::string &last_request() const { return driver.requests().back(); }
+    // scanner2 for 192.0.2.7:19540, the address stored as a sockaddr_in
+    // (its family in the target's byte order).
+    static dypd_ds_connect_param host_param() {
+        dypd_ds_connect_param param{"scanner2", {}, {2, 0, 0x5e, 0, 0x53, 1}, 0, 0};
+        sockaddr_in host{};
+        host.sin_family = AF_INET;
+        host.sin_port = htons(19540);
+        host.sin_addr.s_addr = htonl(0xC0000207);
+        memcpy(param.host_addr, &host, sizeof host);
+        return param;
+    }
 
     sim_driver driver;
     sim_driver_scope scope{driver};
     dypd_ds_module *module = &usbds_module;
-    // 192.0.2.7:19540, the family in host order (little-endian here).
-    dypd_ds_connect_param param{
-        "scanner2", {AF_INET, 0, 0x4c, 0x54, 192, 0, 2, 7}, {2, 0, 0x5e, 0, 0x53, 1}, 0, 0};
+    dypd_ds_connect_param param = host_param();
     dypd_ds_interface_info record{};
 };
 
@@ -107,7 +117,8 @@ TEST_F(UsbdsTest, KeepAlivePassesTheNamesCutToFifteenAndLogsItsFailuresOncePerRu
     EXPECT_EQ(last_request(),
               "keep_alive count=2 reserved=0 names=scanner1,kkkkkkkkkkkkkkk result=0");
 
-    const std::string open_failure = "cannot open the file, /proc/tquptp/driver (err: -2)";
+    const std::string open_failure =
+        "cannot open the file, /proc/tquptp/driver (err: " + std::to_string(-ENOENT) + ")";
     for (bool missing : {true, true, true, false, true}) {
         driver.control_file_missing = missing;
         module->keep_alive(module, &list);
