@@ -52,7 +52,10 @@ function(dypd_harden target)
   if(type STREQUAL "EXECUTABLE")
     target_link_options(${target} PRIVATE ${DYPD_HARDEN_LINK_OPTIONS})
     if(DYPD_LTO AND NOT DYPD_SANITIZE)
-      target_link_options(${target} PRIVATE -flto=auto)
+      # Code is generated at the link, where the target's defaults (unwind
+      # tables on x86-64) would come back.
+      target_link_options(${target} PRIVATE -flto=auto -fno-asynchronous-unwind-tables
+                          -fno-unwind-tables)
     endif()
   endif()
 endfunction()
