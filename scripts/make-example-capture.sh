@@ -67,15 +67,7 @@ capture_pid=
 
 cleanup() {
     trap - EXIT INT TERM
-    for pid in $capture_pid $daemon_pid; do
-        if kill -0 "$pid" 2>/dev/null; then
-            kill "$pid" 2>/dev/null || true
-            wait "$pid" 2>/dev/null || true
-        fi
-    done
-    ip netns pids "$box_ns" 2>/dev/null | xargs -r kill 2>/dev/null || true
-    ip netns del "$box_ns" 2>/dev/null || true
-    ip netns del "$host_ns" 2>/dev/null || true
+    stop_and_remove "$capture_pid $daemon_pid" "$box_ns" "$host_ns"
     rm -rf "$work"
 }
 trap cleanup EXIT
