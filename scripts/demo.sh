@@ -34,13 +34,7 @@ daemon_pid=
 
 cleanup() {
     trap - EXIT INT TERM
-    if [ -n "$daemon_pid" ] && kill -0 "$daemon_pid" 2>/dev/null; then
-        kill "$daemon_pid" 2>/dev/null || true
-        wait "$daemon_pid" 2>/dev/null || true
-    fi
-    ip netns pids "$box_ns" 2>/dev/null | xargs -r kill 2>/dev/null || true
-    ip netns del "$box_ns" 2>/dev/null || true
-    ip netns del "$host_ns" 2>/dev/null || true
+    stop_and_remove "$daemon_pid" "$box_ns" "$host_ns"
     rm -rf "$work"
 }
 trap cleanup EXIT

@@ -50,3 +50,20 @@ build_jobs() {
     n=$(nproc)
     echo $((n < 8 ? n : 8))
 }
+
+# Stops the given processes (each waited for), then every process left in
+# the given namespaces, and removes the namespaces.
+stop_and_remove() { # "PID..." NS...
+    local pid ns
+    for pid in $1; do
+        if kill -0 "$pid" 2>/dev/null; then
+            kill "$pid" 2>/dev/null || true
+            wait "$pid" 2>/dev/null || true
+        fi
+    done
+    shift
+    for ns in "$@"; do
+        ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null || true
+        ip netns del "$ns" 2>/dev/null || true
+    done
+}

@@ -67,15 +67,7 @@ capture_pid=
 
 cleanup() {
     trap - EXIT INT TERM
-    for pid in $capture_pid $daemon_pid; do
-        if kill -0 "$pid" 2>/dev/null; then
-            kill "$pid" 2>/dev/null || true
-            wait "$pid" 2>/dev/null || true
-        fi
-    done
-    ip netns pids "$box_ns" 2>/dev/null | xargs -r kill 2>/dev/null || true
-    ip netns del "$box_ns" 2>/dev/null || true
-    ip netns del "$host_ns" 2>/dev/null || true
+    stop_and_remove "$capture_pid $daemon_pid" "$box_ns" "$host_ns"
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -207,7 +199,7 @@ step discover-19541 0 discover --interface host0 --port 19541 --timeout 0.5
 step devices 0 devices "$box_ip"
 step devices-ex 0 devices "$box_ip" --ex
 step status-scanner1 0 status "$box_ip" scanner1
-step status-unknown 0 status "$box_ip" nosuchscanner
+step status-unknown 1 status "$box_ip" nosuchscanner
 step ports 0 ports "$box_ip"
 step port-name 0 port-name "$box_ip" --vid 0x1f3a --pid 0x0410 --location H112
 step port-name-none 1 port-name "$box_ip" --vid 0x1f3a --pid 0x9999 --location H112
