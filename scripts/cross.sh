@@ -59,7 +59,7 @@ case $triple in
     *)
         # The hardening check and the size budget are tests of their own.
         echo "=== tests under qemu-user"
-        (cd "$build" && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
+        (cd "$build" && ctest --output-on-failure -j "$jobs" --timeout 600 ${CTEST_ARGS:-}) || status=1
         ;;
 esac
 exit $status

@@ -298,7 +298,11 @@ TEST_F(LiveSession, DeviceListsAreReassembledAcrossWindowsAsDypctlAndTheDeviceFi
 TEST_F(LiveSession, ScannerStatusRepliesAnswerTheirOwnRequest) {
     auto results = results_of("GET SCANNER_STATUS");
     const std::vector<std::string> steps = {"status-scanner1", "status-unknown", "status-scanner2"};
-    ASSERT_EQ(results.size(), steps.size());
+    // The last one is dypctl's own: a refused connect reads the status to say why.
+    ASSERT_EQ(results.size(), steps.size() + 1);
+    json refused = reported("connect-refused");
+    EXPECT_EQ(start_of(results.back()).one("dyp.scanner.ifname"), refused["interface"]);
+    EXPECT_EQ("held by " + results.back().one("dyp.scanner.holder"), refused["reason"]);
     for (size_t i = 0; i < steps.size(); ++i) {
         SCOPED_TRACE(steps[i]);
         json s = reported(steps[i]);
