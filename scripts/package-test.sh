@@ -91,8 +91,14 @@ mount -t tmpfs dyprun /run
 mount -t tmpfs dypdefault /etc/default
 cp "$work/default" /etc/default/dypd
 fail() { echo "init script: $*"; exit 1; }
-product() { "$dypctl" discover --address 127.0.0.1 --timeout 0.5 --retries 10 --json |
-            grep -o '"product": *"[^"]*"' | sed 's/.*"\([^"]*\)"$/\1/'; }
+# The advertised product name, asked up to ten times while the daemon starts.
+product() {
+    for try in 1 2 3 4 5 6 7 8 9 10; do
+        name=$("$dypctl" discover --address 127.0.0.1 --timeout 0.5 --json |
+               grep -o '"product": *"[^"]*"' | sed 's/.*"\([^"]*\)"$/\1/')
+        [ -n "$name" ] && { echo "$name"; return; }
+    done
+}
 dypd_processes() { for c in /proc/[0-9]*/comm; do read -r n <"$c" 2>/dev/null && [ "$n" = dypd ] && echo "$c"; done; true; }
 
 "$init" status >/dev/null; [ $? -eq 3 ] || fail "status before start is not 3"

@@ -217,10 +217,12 @@ TEST(DypctlLoopback, KeepaliveReportsAMissedEchoAndGoesOn) {
     EXPECT_EQ(failed.status, 3);
     EXPECT_EQ(parsed_json(failed)["exit_status"], 3);
     // --count 0 runs until interrupted, and an interrupt is a normal end.
+    // --foreground: otherwise timeout signals its whole process group as
+    // well, and the second SIGINT rightly ends dypctl at once (status 130).
     fake_box echo(
         [](const fake_box::packet &req, int) { return std::vector<fake_box::packet>{req}; });
     auto endless = run_dypctl("keepalive " + echo.host() + " scanner1 --count 0 --interval 0.05",
-                              "timeout --preserve-status -s INT 0.6 ");
+                              "timeout --foreground --preserve-status -s INT 0.6 ");
     expect_run(endless, 0, {"keep-alive 3 to"});
 }
 
