@@ -145,6 +145,19 @@ void add_discovery_options(CLI::App &cmd, std::string &interface, std::string &a
     i->excludes(a);
 }
 
+void add_connect_options(CLI::App &cmd, std::string &port, std::string &options, std::string &mac) {
+    cmd.add_option("--port", port,
+                   "the host port the box's driver talks to (default 0: the box uses 19540)")
+        ->type_name("P")
+        ->check(decimal_port);
+    cmd.add_option("--options", options, "options byte (bits 0 and 1 are passed on)")
+        ->type_name("N")
+        ->check(byte_value);
+    cmd.add_option("--mac", mac, "host MAC to report (default: the local interface's)")
+        ->type_name("M")
+        ->check(mac_address);
+}
+
 void add_box_options(CLI::App &cmd, box_options &o) {
     cmd.add_option("HOST", o.host,
                    "the box: IPv4 address, advertised host name or resolvable name, "

@@ -55,6 +55,8 @@ void add_box_options(CLI::App &cmd, box_options &o);
 void add_json_flag(CLI::App &cmd, bool &json);
 // --interface IF | --address BCAST for discovery.
 void add_discovery_options(CLI::App &cmd, std::string &interface, std::string &address);
+// --port P, --options N and --mac M: what connect and hold tell the box's driver.
+void add_connect_options(CLI::App &cmd, std::string &port, std::string &options, std::string &mac);
 
 // Validators: each rejects with a message that names what it wants.
 extern const CLI::Validator decimal_port;     // 0-65535, decimal

@@ -134,19 +134,8 @@ void add_connection_commands(CLI::App &app, command_runner &run) {
                             : app.add_subcommand("disconnect", "give a device back");
         add_box_options(*cmd, c->box);
         add_device_argument(*cmd, c->device);
-        if (connect) {
-            cmd->add_option("--port", c->port,
-                            "the host port the box's driver talks to (default 0: the box uses "
-                            "19540)")
-                ->type_name("P")
-                ->check(decimal_port);
-            cmd->add_option("--options", c->options, "options byte (bits 0 and 1 are passed on)")
-                ->type_name("N")
-                ->check(byte_value);
-            cmd->add_option("--mac", c->mac, "host MAC to report (default: the local interface's)")
-                ->type_name("M")
-                ->check(mac_address);
-        }
+        if (connect)
+            add_connect_options(*cmd, c->port, c->options, c->mac);
         cmd->callback(
             [c, connect, &run] { run = [c, connect] { return run_connect(*c, connect); }; });
     }

@@ -73,9 +73,7 @@ void add_hold_command(CLI::App &app, command_runner &run) {
                 "restart or once another host released it");
     add_box_options(*hold, h->box);
     add_device_argument(*hold, h->device);
-    hold->add_option("--port", h->port, "as for connect")->type_name("P")->check(decimal_port);
-    hold->add_option("--options", h->options, "as for connect")->type_name("N")->check(byte_value);
-    hold->add_option("--mac", h->mac, "as for connect")->type_name("M")->check(mac_address);
+    add_connect_options(*hold, h->port, h->options, h->mac);
     hold->add_option("--interval", h->interval, "seconds between keep-alives (default 2)")
         ->type_name("S")
         ->check(positive_seconds);
