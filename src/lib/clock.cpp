@@ -7,10 +7,10 @@
 uint32_t dypd_get_systime() {
     timeval now{};
     (void)gettimeofday(&now, nullptr);
-    // Computed in 64 bits and cut to 32 on purpose: the wrap is explicit.
-    uint64_t ms =
-        static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_usec) / 1000u;
-    return static_cast<uint32_t>(ms & UINT32_MAX);
+    // The wrap at 2^32 ms is intended; 32-bit arithmetic wraps exactly as
+    // the 64-bit sum cut to 32 bits would. A 64-bit division here would pull
+    // the compiler's 1 KiB division routine into the daemon on 32-bit boxes.
+    return static_cast<uint32_t>(now.tv_sec) * 1000u + static_cast<uint32_t>(now.tv_usec) / 1000u;
 }
 
 long dypd_str_to_long(const char *text, long *out, int base) {
