@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "ds/walk.h"
@@ -41,34 +40,23 @@ int dypd_ds_unregister_module(dypd_ds_module *mod) {
 }
 
 bool dypd_ds_module_has(const dypd_ds_module *module, unsigned needed) {
-    const struct {
-        dypd_ds_op op;
-        bool present;
-    } slots[] = {
-        {DYPD_DS_OP_CONNECT, module->connect != nullptr},
-        {DYPD_DS_OP_CONNECT_EX, module->connect_ex != nullptr},
-        {DYPD_DS_OP_DISCONNECT, module->disconnect != nullptr},
-        {DYPD_DS_OP_NUM_INTERFACES, module->get_num_interfaces != nullptr},
-        {DYPD_DS_OP_INTERFACE_INFO, module->get_interface_info != nullptr},
-        {DYPD_DS_OP_INTERFACE_NAMES, module->get_interface_names != nullptr},
-        {DYPD_DS_OP_KEEP_ALIVE, module->keep_alive != nullptr},
-    };
-    for (const auto &slot : slots) {
-        if ((needed & slot.op) != 0 && !slot.present)
-            return false;
-    }
-    return true;
+    unsigned present = (module->connect != nullptr ? DYPD_DS_OP_CONNECT : 0u) |
+                       (module->connect_ex != nullptr ? DYPD_DS_OP_CONNECT_EX : 0u) |
+                       (module->disconnect != nullptr ? DYPD_DS_OP_DISCONNECT : 0u) |
+                       (module->get_num_interfaces != nullptr ? DYPD_DS_OP_NUM_INTERFACES : 0u) |
+                       (module->get_interface_info != nullptr ? DYPD_DS_OP_INTERFACE_INFO : 0u) |
+                       (module->get_interface_names != nullptr ? DYPD_DS_OP_INTERFACE_NAMES : 0u) |
+                       (module->keep_alive != nullptr ? DYPD_DS_OP_KEEP_ALIVE : 0u);
+    return (needed & ~present) == 0;
 }
 
 void dypd_ds_log_failure(int result, dypd_ds_quiet quiet, const char *format, ...) {
     if (result == -ENOENT || (quiet == dypd_ds_quiet::nodev_noent && result == -ENODEV))
         return;
-    char line[256];
     va_list args;
     va_start(args, format);
-    (void)vsnprintf(line, sizeof line, format, args);
+    dyp_vlog(LOG_ERR, format, args);
     va_end(args);
-    dyp_log(LOG_ERR, "%s", line);
 }
 
 int dypd_ds_fetch_names(dypd_ds_module *module, uint32_t limit, dypd_ds_name_list *list) {

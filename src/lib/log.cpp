@@ -9,9 +9,7 @@ dyp_log_sink current_sink;
 
 void dyp_log_set_sink(dyp_log_sink sink) { current_sink = sink; }
 
-void dyp_log(int priority, const char *format, ...) {
-    va_list args;
-    va_start(args, format);
+void dyp_vlog(int priority, const char *format, va_list args) {
     if (current_sink != nullptr) {
         char text[1024];
         (void)vsnprintf(text, sizeof text, format, args);
@@ -19,5 +17,11 @@ void dyp_log(int priority, const char *format, ...) {
     } else {
         vsyslog(priority, format, args);
     }
+}
+
+void dyp_log(int priority, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    dyp_vlog(priority, format, args);
     va_end(args);
 }
