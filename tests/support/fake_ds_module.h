@@ -86,9 +86,9 @@ struct identity_scope {
 std::string run_command(dypcmd_handler handler, dypd_session *session, const std::string &name,
                         const std::string &data = {}, uint32_t capacity = 65536);
 
-// What a module's failure logs: `what`, then " (err: <err>)".
-inline std::string module_error(const std::string &what, int err) {
-    return what + " (err: " + std::to_string(err) + ")";
+// How often a module's failure was logged as an error: `what`, then " (err: <err>)".
+inline int module_errors(const log_capture &log, const std::string &what, int err) {
+    return log.count(LOG_ERR, what + " (err: " + std::to_string(err) + ")");
 }
 
 // SKA's fixed port is surely free in a network namespace of the test's own.
