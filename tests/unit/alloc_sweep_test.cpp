@@ -1,8 +1,6 @@
-// Every allocation of the daemon's paths made to fail in turn: start-up as
-// a whole, the seven commands, both advertise handlers and SKA. Each run
-// must end in the documented reaction, leak nothing and leave the daemon
-// able to serve the next request as if nothing had happened. The daemon
-// runs in-process on the simulated driver, stepped one datagram at a time.
+// Every allocation of start-up, the seven commands, both advertise handlers and SKA made to
+// fail in turn: each run ends in the documented reaction, leaks nothing and leaves the daemon
+// serving the next request in full. The daemon runs in-process on the simulated driver.
 #include <fstream>
 #include <functional>
 
@@ -52,8 +50,7 @@ class AllocSweep : public ska_namespace_test {
             return;
         client = udp_socket(); // in the test's namespace
         std::string error;
-        ASSERT_EQ(sim_load_devices(DYPTEST_SOURCE_DIR "/examples/devices.ini", driver, error), 0)
-            << error;
+        ASSERT_EQ(sim_load_devices(DYPTEST_SOURCE_DIR "/examples/devices.ini", driver, error), 0);
         std::ofstream(conf) << "product=Sweep Box\nhostname=sweep\nnetif=lo\nportnum="
                             << PRIMARY_PORT << "," << OTHER_PORT << "\nds_port=" << PRIMARY_PORT
                             << "\n";
