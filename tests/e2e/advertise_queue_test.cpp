@@ -85,6 +85,8 @@ TEST(AdvertiseQueue, RepliesWaitWithoutHoldingCommandsAndAreDroppedAtHangupAndTe
     auto replies_around = [&](int signal) {
         for (int i = 0; i < 16; ++i)
             send_advertise(sources[i % 4], "192.0.2.1");
+        // Read and queued by the daemon first: a signal before it would drop nothing.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
         EXPECT_EQ(kill(pid, signal), 0);
         int count = 0;
         for (const unique_fd &fd : sources)
