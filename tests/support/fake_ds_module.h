@@ -86,6 +86,11 @@ struct identity_scope {
 std::string run_command(dypcmd_handler handler, dypd_session *session, const std::string &name,
                         const std::string &data = {}, uint32_t capacity = 65536);
 
+// How often a module's failure was logged as an error: `what`, then " (err: <err>)".
+inline int module_errors(const log_capture &log, const std::string &what, int err) {
+    return log.count(LOG_ERR, what + " (err: " + std::to_string(err) + ")");
+}
+
 // SKA's fixed port is surely free in a network namespace of the test's own.
 class ska_namespace_test : public ::testing::Test {
   protected:

@@ -1,25 +1,19 @@
-// Every allocation of the daemon's paths made to fail in turn: start-up as
-// a whole, the seven commands, both advertise handlers and SKA. Each run
-// must end in the documented reaction, leak nothing and leave the daemon
-// able to serve the next request as if nothing had happened. The daemon
-// runs in-process on the simulated driver, stepped one datagram at a time.
-#include <cstdio>
+// Every allocation of start-up, the seven commands, both advertise handlers and SKA made to
+// fail in turn: each run ends in the documented reaction, leaks nothing and leaves the daemon
+// serving the next request in full. The daemon runs in-process on the simulated driver.
 #include <fstream>
 #include <functional>
-#include <unistd.h>
 
-#include "daemon/dypd_priv.h"
 #include "device_file.h"
 #include "ds/ds.h"
 #include "ds/ska.h"
 #include "dypclient.h"
-#include "lib/fd.h"
 #include "protocol/command.h"
 #include "protocol/handler.h"
-#include "protocol/packet.h"
 #include "protocol/reply_queue.h"
 #include "sim_seam.h"
 #include "support/fake_ds_module.h"
+#include "support/udp.h"
 
 namespace {
 
@@ -54,10 +48,9 @@ class AllocSweep : public ska_namespace_test {
         ska_namespace_test::SetUp();
         if (IsSkipped())
             return;
-        client.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)); // in the test's namespace
+        client = udp_socket(); // in the test's namespace
         std::string error;
-        ASSERT_EQ(sim_load_devices(DYPTEST_SOURCE_DIR "/examples/devices.ini", driver, error), 0)
-            << error;
+        ASSERT_EQ(sim_load_devices(DYPTEST_SOURCE_DIR "/examples/devices.ini", driver, error), 0);
         std::ofstream(conf) << "product=Sweep Box\nhostname=sweep\nnetif=lo\nportnum="
                             << PRIMARY_PORT << "," << OTHER_PORT << "\nds_port=" << PRIMARY_PORT
                             << "\n";
@@ -92,7 +85,7 @@ class AllocSweep : public ska_namespace_test {
     // Sends `datagram` to `port` on loopback, steps the endpoint (or SKA)
     // once and returns the reply, if any.
     std::optional<bytes> step(uint16_t port, const bytes &datagram) {
-        sockaddr_in to{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        sockaddr_in to = ipv4("127.0.0.1", port);
         EXPECT_EQ(sendto(client.get(), datagram.data(), datagram.size(), 0,
                          reinterpret_cast<sockaddr *>(&to), sizeof to),
                   static_cast<ssize_t>(datagram.size()));
@@ -102,18 +95,13 @@ class AllocSweep : public ska_namespace_test {
             dypd_dyp_handler(&dyp_daemon, endpoint(port));
             dypd_reply_queue_send_due();
         }
-        bytes reply(DYP_RESPONSE_MAX + SKA_BUFFER_SIZE);
-        ssize_t n = recv(client.get(), reply.data(), reply.size(), MSG_DONTWAIT);
-        if (n < 0)
-            return std::nullopt;
-        reply.resize(static_cast<size_t>(n));
-        return reply;
+        return next_datagram(client.get());
     }
     dypd_udp_port *endpoint(uint16_t port) {
-        for (int i = 0; i < dyp_daemon.endpoint_count; ++i)
-            if (*dyp_daemon.endpoints[i]->header.bound_port == port)
-                return dyp_daemon.endpoints[i];
-        return nullptr;
+        dypd_udp_port **e = dyp_daemon.endpoints;
+        while (*(*e)->header.bound_port != port)
+            ++e;
+        return *e;
     }
 
     // A whole transfer as a host makes it: START, DATA while more remains,
@@ -176,7 +164,6 @@ TEST_F(AllocSweep, StartUp) {
                               EXPECT_EQ(dyp_alloc_live(), live);
                           });
     EXPECT_GT(made, 20u);
-    std::printf("start-up: %u allocations swept\n", made);
 }
 
 // A command that runs out of memory answers less (NG, no match, fewer
@@ -215,7 +202,6 @@ TEST_F(AllocSweep, EachCommand) {
                                   EXPECT_EQ(transfer(command.name, command.data), full);
                               });
         EXPECT_GE(made, 1u) << "the session at least";
-        std::printf("%s: %u allocations swept\n", label.c_str(), made);
     }
     stop();
 }
@@ -232,18 +218,16 @@ TEST_F(AllocSweep, AdvertiseHandlers) {
         ASSERT_TRUE(full);
         ASSERT_EQ(full->size(), DYP_ADVERTISE_REPLY_SIZE);
         std::optional<bytes> got;
-        unsigned made = sweep(
-            [&] { got = step(port, request); },
-            [&](bool failed) {
-                EXPECT_EQ(dyp_alloc_live(), live);
-                ASSERT_TRUE(got);
-                EXPECT_EQ(got->size(), DYP_ADVERTISE_REPLY_SIZE);
-                if (failed)
-                    EXPECT_EQ(dyp::decode_advertise_reply(got->data(), got->size()).description,
-                              "");
-                EXPECT_EQ(step(port, request), full);
-            });
-        std::printf("advertise on %u: %u allocations swept\n", port, made);
+        sweep([&] { got = step(port, request); },
+              [&](bool failed) {
+                  EXPECT_EQ(dyp_alloc_live(), live);
+                  ASSERT_TRUE(got);
+                  EXPECT_EQ(got->size(), DYP_ADVERTISE_REPLY_SIZE);
+                  if (failed)
+                      EXPECT_EQ(dyp::decode_advertise_reply(got->data(), got->size()).description,
+                                "");
+                  EXPECT_EQ(step(port, request), full);
+              });
     }
     stop();
 }

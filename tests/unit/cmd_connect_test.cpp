@@ -80,16 +80,12 @@ TEST_F(ScannerConnect, TheFirstModuleServingTheInterfaceDecides) {
     EXPECT_TRUE(first.connect_ex_calls.empty());
     EXPECT_STREQ(second.connect_ex_calls.at(0).ifname, "");
     EXPECT_EQ(log.count(LOG_WARNING, "no interface #99999\n"), 1);
-    EXPECT_EQ(log.count(LOG_ERR, "cannot connect an interface usb1 module second (err: " +
-                                     std::to_string(-EBUSY) + ")"),
-              1);
+    EXPECT_EQ(module_errors(log, "cannot connect an interface usb1 module second", -EBUSY), 1);
     session.ifindex = 1;
     log.clear();
     first.interfaces[0].info_result = -EIO;
     EXPECT_EQ(run(CONNECT), NG);
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get an interface info module first (err: " +
-                                     std::to_string(-EIO) + ")"),
-              1);
+    EXPECT_EQ(module_errors(log, "cannot get an interface info module first", -EIO), 1);
     EXPECT_EQ(log.lines().size(), 1u);
     EXPECT_EQ(second.connect_ex_calls.size(), 1u); // never reached again
 }
@@ -99,9 +95,7 @@ TEST_F(ScannerConnect, DisconnectTriesModulesUntilOneSucceeds) {
     module_list_scope list({&first, &second});
     log_capture log;
     EXPECT_EQ(run(DISCONNECT, params("usb1", "\x13\x88")), OK);
-    EXPECT_EQ(log.count(LOG_ERR, "cannot disconnect an interface usb1 module first (err: " +
-                                     std::to_string(-EIO) + ")"),
-              1);
+    EXPECT_EQ(module_errors(log, "cannot disconnect an interface usb1 module first", -EIO), 1);
     EXPECT_STREQ(second.disconnect_calls.at(0).name, "usb1");
     // Never the requested port.
     EXPECT_EQ(bytes(second.disconnect_calls[0].host_addr), host_addr("\x4c\x54"));

@@ -66,9 +66,7 @@ TEST_F(DeviceList, ModulesFailingOrLackingAnOperationAreLeftOutAndOnlyRealFailur
     module_list_scope list({&lacking, &first, &second, &third, &fourth});
     log_capture log;
     EXPECT_EQ(fetch(), "\x03" + entry("a0") + entry("a2"));
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get an interface info module third (err: " +
-                                     std::to_string(-EIO) + ")"),
-              1);
+    EXPECT_EQ(module_errors(log, "cannot get an interface info module third", -EIO), 1);
     EXPECT_EQ(log.lines().size(), 1u);
 }
 

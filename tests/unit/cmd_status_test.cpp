@@ -47,10 +47,9 @@ TEST_F(ScannerCommands, StatusHolderComesFromTheFirstModuleKnowingTheCutName) {
     EXPECT_EQ(status(":abcdefghijklmnopqrst"), "\x84\x93\xC0\x00\x02\x07\x02\x00\x00\x00\x00\x07"s +
                                                    std::string(6, '\0') + std::string(63, 'x') +
                                                    '\0');
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get information of the interface abcdefghijklmno "
-                                 "module first (err: " +
-                                     std::to_string(-EIO) + ")"),
-              1);
+    const std::string failure =
+        "cannot get information of the interface abcdefghijklmno module first";
+    EXPECT_EQ(module_errors(log, failure, -EIO), 1);
 }
 
 TEST_F(ScannerCommands, PortNamesAreAllListedAndCountedModulo256) {
@@ -74,9 +73,7 @@ TEST_F(ScannerCommands, UsbPortNameTakesTheFirstLocationMatchAndAnswersZeroOther
     log_capture log;
     EXPECT_EQ(port_at("H12\0junk"s), "\x01usb3\0"s);
     EXPECT_EQ(first.info_calls, 1);
-    EXPECT_EQ(log.count(LOG_ERR, "cannot get an interface info module first (err: " +
-                                     std::to_string(-EIO) + ")"),
-              1);
+    EXPECT_EQ(module_errors(log, "cannot get an interface info module first", -EIO), 1);
     // usb3 matches the location first, so usb4's ids are never compared.
     for (const std::string &miss : {port_at("H12", "\x11\x11"), port_at("S1"), port_at("H123")})
         EXPECT_EQ(miss, "\0"s);

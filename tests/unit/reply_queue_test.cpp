@@ -1,28 +1,17 @@
 #include "protocol/reply_queue.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <optional>
 #include <syslog.h>
-#include <vector>
 
 #include "daemon/endpoints.h"
 #include "lib/alloc.h"
-#include "lib/fd.h"
 #include "support/log_capture.h"
+#include "support/udp.h"
 
 namespace {
 using bytes = std::vector<uint8_t>;
 
 uint64_t now_us;
-
-sockaddr_in address(const char *text, uint16_t port = 9) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    (void)inet_pton(AF_INET, text, &a.sin_addr);
-    return a;
-}
 
 // The queue on a fake clock, with one endpoint built as the daemon builds it
 // and a client socket on loopback that the replies go to.
@@ -34,12 +23,7 @@ class ReplyQueueTest : public ::testing::Test {
         ASSERT_EQ(dypd_reply_queue_init(), 0);
         ASSERT_EQ(dypd_build_endpoints(&daemon, &settings), 0);
         ep = daemon.endpoints[0];
-        client_address = address("127.0.0.1", 0);
-        socklen_t size = sizeof client_address;
-        ASSERT_EQ(bind(client.get(), reinterpret_cast<sockaddr *>(&client_address),
-                       sizeof client_address), 0);
-        ASSERT_EQ(getsockname(client.get(), reinterpret_cast<sockaddr *>(&client_address), &size),
-                  0);
+        ASSERT_TRUE(client.valid());
     }
     void TearDown() override {
         dypd_reply_queue_cleanup();
@@ -57,18 +41,14 @@ class ReplyQueueTest : public ::testing::Test {
         dypd_reply_queue_push(slot, ep, &peer, static_cast<uint32_t>(content.size()), delay_us);
         return true;
     }
-    std::optional<bytes> received() {
-        bytes r(DYP_RESPONSE_MAX + 1);
-        ssize_t n = recv(client.get(), r.data(), r.size(), MSG_DONTWAIT);
-        return n < 0 ? std::nullopt : std::optional<bytes>(bytes(r.begin(), r.begin() + n));
-    }
+    std::optional<bytes> received() { return next_datagram(client.get()); }
 
     int32_t port = 0;
     dypd_settings settings{.bind_interfaces = "*", .ports = &port, .port_count = 1};
     dyp_daemon_context daemon{};
     dypd_udp_port *ep = nullptr;
-    unique_fd client{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    sockaddr_in client_address{};
+    unique_fd client = udp_socket("127.0.0.1");
+    sockaddr_in client_address = loopback_of(client.get());
     log_capture log;
 };
 
@@ -78,33 +58,33 @@ TEST_F(ReplyQueueTest, RefusesTheFifthPerAddressAndTheSixtyFifthInAllCountingEac
     // Loopback addresses only: the replies are sent at the end. The bound is
     // per address: another port of the same host shares it.
     for (uint16_t p = 1; p <= 4; ++p)
-        ASSERT_TRUE(queue(address("127.0.1.1", p)));
-    EXPECT_FALSE(queue(address("127.0.1.1", 5)));
+        ASSERT_TRUE(queue(ipv4("127.0.1.1", p)));
+    EXPECT_FALSE(queue(ipv4("127.0.1.1", 5)));
     EXPECT_EQ(log.count(LOG_NOTICE, std::string(DROPPED) + "1"), 1) << "the first one at once";
-    EXPECT_TRUE(queue(address("127.0.1.2")));
+    EXPECT_TRUE(queue(ipv4("127.0.1.2", 9)));
     // 1 + 4 + 4 * 14 + 3 = 64 queued.
     for (int host = 3; host <= 17; ++host) {
         std::string text = "127.0.1." + std::to_string(host);
         for (int i = 0; i < (host == 17 ? 3 : 4); ++i)
-            ASSERT_TRUE(queue(address(text.c_str()))) << text << " #" << i;
+            ASSERT_TRUE(queue(ipv4(text.c_str(), 9))) << text << " #" << i;
     }
-    EXPECT_FALSE(queue(address("127.0.1.99"))) << "the 65th";
-    EXPECT_FALSE(queue(address("127.0.1.1")));
+    EXPECT_FALSE(queue(ipv4("127.0.1.99", 9))) << "the 65th";
+    EXPECT_FALSE(queue(ipv4("127.0.1.1", 9)));
     EXPECT_EQ(log.count(LOG_NOTICE, DROPPED), 1) << "once a minute at most";
     now_us += 59999999;
-    EXPECT_FALSE(queue(address("127.0.1.2")));
+    EXPECT_FALSE(queue(ipv4("127.0.1.2", 9)));
     EXPECT_EQ(log.count(LOG_NOTICE, DROPPED), 1);
     now_us += 1;
-    EXPECT_FALSE(queue(address("127.0.1.2")));
+    EXPECT_FALSE(queue(ipv4("127.0.1.2", 9)));
     EXPECT_EQ(log.count(LOG_NOTICE, std::string(DROPPED) + "4"), 1) << "every refusal counted";
     // A reply sent frees its slot, for its own address as for any other.
     dypd_reply_queue_send_due();
-    EXPECT_TRUE(queue(address("127.0.1.99")));
+    EXPECT_TRUE(queue(ipv4("127.0.1.99", 9)));
     // A refusal left over from a burst is reported once its minute is up,
     // without waiting for another.
     for (int i = 0; i < 3; ++i)
-        ASSERT_TRUE(queue(address("127.0.1.99")));
-    EXPECT_FALSE(queue(address("127.0.1.99"))) << "within the minute: counted, not logged";
+        ASSERT_TRUE(queue(ipv4("127.0.1.99", 9)));
+    EXPECT_FALSE(queue(ipv4("127.0.1.99", 9))) << "within the minute: counted, not logged";
     now_us += 59999999;
     dypd_reply_queue_send_due();
     EXPECT_EQ(log.count(LOG_NOTICE, DROPPED), 2);

@@ -1,16 +1,13 @@
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
-
 #include "ds/ska.h"
 #include "lib/be.h"
-#include "lib/fd.h"
 #include "support/descriptor_fill.h"
 #include "support/fake_ds_module.h"
+#include "support/udp.h"
 
-static std::vector<uint8_t> ska_packet(const std::vector<std::string> &names,
-                                       bool terminated = true) {
-    std::vector<uint8_t> packet(4, 0);
+using bytes = std::vector<uint8_t>;
+
+static bytes ska_packet(const std::vector<std::string> &names, bool terminated = true) {
+    bytes packet(4, 0);
     put_be16(packet.data() + 2, SKA_MAGIC);
     for (const std::string &name : names)
         packet.insert(packet.end(), name.c_str(), name.c_str() + name.size() + 1);
@@ -20,23 +17,6 @@ static std::vector<uint8_t> ska_packet(const std::vector<std::string> &names,
     return packet;
 }
 
-// Sends `packet` from `client` to SKA on loopback and serves it.
-static void serve(int client, const std::vector<uint8_t> &packet) {
-    sockaddr_in ska{AF_INET, htons(SKA_PORT), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(sendto(client, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&ska),
-                     sizeof ska),
-              static_cast<ssize_t>(packet.size()));
-    dypd_ds_ska_handler();
-}
-
-static std::vector<uint8_t> receive(int client) {
-    pollfd ready{client, POLLIN, 0};
-    EXPECT_EQ(poll(&ready, 1, 5000), 1);
-    std::vector<uint8_t> reply(8192);
-    reply.resize(std::max<ssize_t>(recv(client, reply.data(), reply.size(), MSG_DONTWAIT), 0));
-    return reply;
-}
-
 using Ska = ska_namespace_test;
 
 TEST_F(Ska, NamesAreEchoedAndPassedOnCutTo15AndMalformedPacketsIgnored) {
@@ -44,20 +24,24 @@ TEST_F(Ska, NamesAreEchoedAndPassedOnCutTo15AndMalformedPacketsIgnored) {
     second.get()->keep_alive = nullptr;
     module_list_scope list({&first, &second, &third});
     ASSERT_EQ(dypd_ds_ska_init(), 0);
-    unique_fd client(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)); // bound by its first send
-    // Sends `packet` and then a marker: the first datagram back is the echo
+    unique_fd client = udp_socket();
+    const sockaddr_in ska = ipv4("127.0.0.1", SKA_PORT);
+    // Serves `packet` and then a marker: the first datagram back is the echo
     // of `packet`, or the marker when it was ignored.
-    const std::vector<uint8_t> marker = ska_packet({"marker"});
-    auto exchange = [&](const std::vector<uint8_t> &packet) {
-        serve(client.get(), packet);
-        serve(client.get(), marker);
-        std::vector<uint8_t> reply = receive(client.get());
+    const bytes marker = ska_packet({"marker"});
+    auto exchange = [&](const bytes &packet) {
+        for (const bytes *sent : {&packet, &marker}) {
+            (void)sendto(client.get(), sent->data(), sent->size(), 0,
+                         reinterpret_cast<const sockaddr *>(&ska), sizeof ska);
+            dypd_ds_ska_handler();
+        }
+        auto reply = next_datagram(client.get(), 5000);
         if (reply != marker)
-            EXPECT_EQ(receive(client.get()), marker);
-        return reply;
+            EXPECT_EQ(next_datagram(client.get(), 5000), marker);
+        return reply.value_or(bytes{});
     };
     auto smallest = ska_packet({});
-    ASSERT_EQ(smallest, (std::vector<uint8_t>{0x00, 0x06, 'K', 'A', 0x00, 0x00}));
+    ASSERT_EQ(smallest, (bytes{0x00, 0x06, 'K', 'A', 0x00, 0x00}));
     EXPECT_EQ(exchange(smallest), smallest);
     EXPECT_TRUE(first.keep_alive_calls.at(0).empty());
     auto packet = ska_packet({"usb1", "abcdefghijklmnopqrst"});
@@ -72,8 +56,8 @@ TEST_F(Ska, NamesAreEchoedAndPassedOnCutTo15AndMalformedPacketsIgnored) {
     auto swapped = ska_packet({});
     std::swap(swapped[2], swapped[3]);
     auto oversized = ska_packet({std::string(SKA_BUFFER_SIZE, 'x')});
-    const std::vector<uint8_t> short_body{0x00, 0x05, 'K', 'A', 0x00};
-    for (const auto &ignored : {long_body, swapped, oversized, short_body, std::vector<uint8_t>{}})
+    const bytes short_body{0x00, 0x05, 'K', 'A', 0x00};
+    for (const auto &ignored : {long_body, swapped, oversized, short_body, bytes{}})
         EXPECT_EQ(exchange(ignored), marker);
     auto unterminated = ska_packet({"usb1", "usb2"}, false);
     EXPECT_EQ(exchange(unterminated), unterminated);

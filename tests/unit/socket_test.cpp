@@ -1,15 +1,13 @@
 #include "transport/socket.h"
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <net/if.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 
 #include "lib/alloc.h"
-#include "lib/fd.h"
+#include "support/udp.h"
 
 namespace {
 
@@ -20,9 +18,7 @@ class UdpEndpoint : public ::testing::Test {
         (void)dypd_init_socket(&endpoint, DYPD_ENDPOINT_UDP);
         ASSERT_EQ(dypd_set_udp_port(&endpoint, 0), 0);
         ASSERT_EQ(dypd_open_socket(&endpoint), 0);
-        socklen_t length = sizeof target;
-        ASSERT_EQ(getsockname(endpoint.fd, reinterpret_cast<sockaddr *>(&target), &length), 0);
-        target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        target = loopback_of(endpoint.fd);
     }
     void TearDown() override {
         dypd_release_socket(&endpoint);
@@ -39,7 +35,7 @@ class UdpEndpoint : public ::testing::Test {
     }
     dypd_endpoint_header endpoint{};
     sockaddr_in target{}, peer{};
-    unique_fd client{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    unique_fd client = udp_socket();
     uint8_t buffer[600] = {};
 };
 
@@ -69,32 +65,28 @@ TEST_F(UdpEndpoint, ReceivesWithSenderAndInterfaceAndConsumesWhatItRefuses) {
     EXPECT_EQ(dypd_set_udp_port(&endpoint, 1), -EEXIST) << "a UDP endpoint has one port";
 }
 
-TEST_F(UdpEndpoint, SelectWaitsMillisecondsOrWithoutLimitUntilADatagramComes) {
+// 1050 ms is 1 s and 50000 us, not 1 s; a signal ends the wait with -EINTR
+// only when the caller asked not to retry.
+TEST_F(UdpEndpoint, SelectWaitsMillisecondsOrUntilADatagramAndRetriesAfterSignals) {
     fd_set readset;
-    FD_ZERO(&readset);
-    FD_SET(endpoint.fd, &readset);
+    auto watch = [&] {
+        FD_ZERO(&readset);
+        FD_SET(endpoint.fd, &readset);
+        return &readset;
+    };
     auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(dypd_select(endpoint.fd + 1, &readset, nullptr, 1050, 0), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1040))
-        << "1050 ms is 1 s and 50000 us, not 1 s";
-    send_bytes(1);
-    FD_SET(endpoint.fd, &readset);
-    EXPECT_EQ(dypd_select(endpoint.fd + 1, &readset, nullptr, -1, 1), 1);
-    EXPECT_TRUE(FD_ISSET(endpoint.fd, &readset));
-}
-
-// A signal ends the wait with -EINTR only when the caller asked not to retry.
-TEST_F(UdpEndpoint, SelectRetriesAfterASignalUnlessToldNotTo) {
+    EXPECT_EQ(dypd_select(endpoint.fd + 1, watch(), nullptr, 1050, 0), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1040));
     struct sigaction wake {};
     wake.sa_handler = [](int) {};
     ASSERT_EQ(sigaction(SIGALRM, &wake, nullptr), 0);
     const itimerval in_50ms{{0, 0}, {0, 50000}};
     for (int no_retry : {1, 0}) {
-        fd_set readset;
-        FD_ZERO(&readset);
-        FD_SET(endpoint.fd, &readset);
         ASSERT_EQ(setitimer(ITIMER_REAL, &in_50ms, nullptr), 0);
-        EXPECT_EQ(dypd_select(endpoint.fd + 1, &readset, nullptr, 300, no_retry),
+        EXPECT_EQ(dypd_select(endpoint.fd + 1, watch(), nullptr, 300, no_retry),
                   no_retry != 0 ? -EINTR : 0);
     }
+    send_bytes(1);
+    EXPECT_EQ(dypd_select(endpoint.fd + 1, watch(), nullptr, -1, 1), 1);
+    EXPECT_TRUE(FD_ISSET(endpoint.fd, &readset));
 }
