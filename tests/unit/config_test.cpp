@@ -118,8 +118,8 @@ TEST_F(ConfigFile, ReloadsReplaceTheirListsAndTheLoaderKeepsNothingAfterRelease)
     EXPECT_EQ(dyp_alloc_live(), before);
 }
 
-// A configuration path naming a FIFO (opening it waits for a writer) must
-// not hold start-up or a reload: it is refused and said so.
+// A FIFO as the file (opening it waits for a writer) must not hold
+// start-up: it is refused and said so.
 TEST_F(ConfigFile, AFileThatCouldNeverEndIsRefusedAndSaidSo) {
     (void)unlink(path.c_str());
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);

@@ -54,10 +54,10 @@ TEST(DypclientEncode, RequestsAndPayloadsFollowTheByteLayouts) {
 
 TEST(DypclientDecode, FieldsAtTheirOffsetsAndTextsCutAtTheFieldEnd) {
     bytes adv = advertise_reply;
-    std::fill_n(&adv[116], 48, 'H'); // the host name field is 16 bytes, the rest reserved
+    std::iota(adv.begin() + 116, adv.end(), 'A'); // a 16-byte host name field, then reserved
     auto box = dyp::decode_advertise_reply(adv.data(), adv.size());
     EXPECT_EQ(box.product + "|" + box.mac + "|" + box.ip + "|" + box.host_name,
-              "Scanbox|02:00:5e:10:20:30|192.0.2.10|" + std::string(16, 'H'));
+              "Scanbox|02:00:5e:10:20:30|192.0.2.10|ABCDEFGHIJKLMNOP");
     auto e =
         dyp::decode_device_list(device_list(3, "usb1", "Scanner A", false), false).entries.at(0);
     EXPECT_EQ(e.name + "|" + e.description + "|" + e.holder + "|" + e.location,
