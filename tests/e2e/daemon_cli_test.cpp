@@ -1,14 +1,10 @@
 // The built daemon binary from the outside. A daemon that gets as far as the
 // pid file runs in namespaces of its own with a private /var/run.
-#include <arpa/inet.h>
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <poll.h>
 
-#include "lib/fd.h"
+#include "dypclient.h"
 #include "support/sim_testbed.h"
 
 namespace {
@@ -21,40 +17,16 @@ const std::string USAGE = "Usage: dypd [options]\n"
                           " -h             : Show this message.\n"
                           " -i ifname      : Set Network Interfaces Name.(ex.\"eth0,!br1,*\")\n";
 const std::string VERSION = "dypd version 1.6.2 (DYP Ver 2.2.0)";
-const std::string BINARY = DYPD_BINARY;
 // The command that runs it (under the emulator when built for another ISA).
 const std::string DYPD = DYPTEST_EMULATOR DYPD_BINARY;
 // A file of this test process; parallel test processes never share it.
 const std::string CONF = "/tmp/dypd-e2e-" + std::to_string(getpid()) + ".conf";
 
-struct finished {
-    int status;
-    std::string out, err;
-};
-
-// Runs a shell command to its end, standard output and error captured; then
-// removes this process's scratch files.
-finished run_to_end(const std::string &command) {
-    std::string out = run_shell_output(command + " 2>" + CONF + ".err; echo \"#$?\"");
-    size_t mark = out.rfind('#');
-    finished run{std::atoi(out.c_str() + mark + 1), out.substr(0, mark),
-                 read_text_file(CONF + ".err")};
-    (void)run_shell("rm -f " + CONF + " " + CONF + ".err");
-    return run;
-}
-
-// Sends an advertise request to `port` on loopback and returns the product
-// name of the reply, or "<no reply>" when none came within `wait_ms`.
-std::string advertised_product(const unique_fd &fd, uint16_t port, int wait_ms = 5000) {
-    const uint8_t request[88] = {0, 4, 0x95, 0x06};
-    const sockaddr_in to{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    pollfd ready{fd.get(), POLLIN, 0};
-    if (sendto(fd.get(), request, sizeof request, 0, reinterpret_cast<const sockaddr *>(&to),
-               sizeof to) != sizeof request ||
-        poll(&ready, 1, wait_ms) != 1)
-        return "<no reply>";
-    char reply[600] = {};
-    return recv(fd.get(), reply, sizeof reply - 1, 0) == 164 ? reply + 36 : "<bad reply>";
+// The product name the box advertises on `port` of loopback.
+std::string advertised_product(uint16_t port) {
+    std::vector<std::string> problems;
+    auto boxes = dyp::discover({"", "127.0.0.1", port, 1000}, problems);
+    return boxes.empty() ? "<no reply>" : boxes[0].product;
 }
 
 } // namespace
@@ -67,7 +39,7 @@ TEST(CommandLine, StatusesAndTextsOfTheShortRuns) {
     } cases[] = {
         {"-v", "", 0, VERSION + "\n", ""},
         {"-h", "", 0, "", USAGE},
-        {"-x", "", 1, "", BINARY + ": invalid option -- 'x'\n" + USAGE},
+        {"-x", "", 1, "", DYPD_BINARY ": invalid option -- 'x'\n" + USAGE},
         {"-f /nonexistent/dypd.conf -v", "", 1, "",
          "Cannot access the config file /nonexistent/dypd.conf (err: " + std::to_string(ENOENT) +
              ")\n"},
@@ -75,11 +47,12 @@ TEST(CommandLine, StatusesAndTextsOfTheShortRuns) {
     };
     for (const auto &c : cases) {
         std::ofstream(CONF) << c.config;
-        finished run = run_to_end(DYPD + " " + c.args);
+        finished_run run = run_to_end(DYPD + " " + c.args);
         EXPECT_EQ(run.status, c.status) << c.args;
         EXPECT_EQ(run.out, c.out) << c.args;
         EXPECT_EQ(run.err, c.err) << c.args;
     }
+    (void)unlink(CONF.c_str());
 }
 
 // Debug mode prints the settings once the file was applied. A second
@@ -110,18 +83,17 @@ TEST(Daemon, PrintsItsSettingsHoldsThePidFileAndRereadsOnlyTheNamesOnHangUp) {
         << bed.output();
     const std::string enter = "nsenter -t " + std::to_string(daemon) + " -m -n ";
     EXPECT_EQ(run_shell_output(enter + "cat /var/run/dypd.pid"), std::to_string(daemon) + "\n");
-    finished second = run_to_end(enter + DYPD + " -d -f " + conf);
+    finished_run second = run_to_end(enter + DYPD + " -d -f " + conf);
     EXPECT_EQ(second.status, 256 - EALREADY);
     EXPECT_NE(second.err.find("failed to create a pid file"), std::string::npos) << second.err;
     EXPECT_EQ(run_shell_output(enter + "cat /var/run/dypd.pid"), std::to_string(daemon) + "\n");
 
     netns_scope inside(bed.box().name());
-    unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(advertised_product(fd, 19541), "First");
+    EXPECT_EQ(advertised_product(19541), "First");
     std::ofstream(conf) << "product=Second\nportnum=19550,19551\nds_port=19550\n";
     // A signal that lands between the flag check and the wait is seen one request late.
     ASSERT_EQ(kill(daemon, SIGHUP), 0);
-    std::string product = advertised_product(fd, 19541);
-    EXPECT_EQ(product == "Second" ? product : advertised_product(fd, 19541), "Second");
-    EXPECT_EQ(advertised_product(fd, 19550, 1000), "<no reply>") << "replies take 150 ms at most";
+    std::string product = advertised_product(19541);
+    EXPECT_EQ(product == "Second" ? product : advertised_product(19541), "Second");
+    EXPECT_EQ(advertised_product(19550), "<no reply>") << "replies take 150 ms at most";
 }

@@ -2,6 +2,7 @@
 // that the next descriptor opened is one select cannot watch.
 #pragma once
 
+#include <algorithm>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -14,17 +15,12 @@ class descriptor_fill {
     descriptor_fill() {
         (void)getrlimit(RLIMIT_NOFILE, &saved_);
         rlimit room = saved_;
-        if (room.rlim_cur < FD_SETSIZE + 64)
-            room.rlim_cur = FD_SETSIZE + 64;
-        if (room.rlim_max < room.rlim_cur)
-            room.rlim_max = room.rlim_cur; // root only
+        room.rlim_cur = std::max<rlim_t>(room.rlim_cur, FD_SETSIZE + 64);
+        room.rlim_max = std::max(room.rlim_max, room.rlim_cur); // raising it: root only
         ok_ = setrlimit(RLIMIT_NOFILE, &room) == 0;
-        for (;;) {
-            unique_fd fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
-            if (!fd.valid() || fd.get() >= FD_SETSIZE)
-                break;
+        auto next = [] { return unique_fd(open("/dev/null", O_RDONLY | O_CLOEXEC)); };
+        for (unique_fd fd = next(); fd.valid() && fd.get() < FD_SETSIZE; fd = next())
             held_.push_back(std::move(fd));
-        }
     }
     ~descriptor_fill() {
         held_.clear();

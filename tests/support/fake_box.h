@@ -6,9 +6,7 @@
 #include <atomic>
 #include <functional>
 #include <gtest/gtest.h>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "lib/fd.h"
 
@@ -21,31 +19,30 @@ class fake_box {
 
     explicit fake_box(script answer) : answer_(std::move(answer)) {
         socklen_t size = sizeof self_;
-        EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr *>(&self_), size), 0);
-        EXPECT_EQ(getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&self_), &size), 0);
+        EXPECT_EQ(bind(fd_.get(), address(self_), size), 0);
+        EXPECT_EQ(getsockname(fd_.get(), address(self_), &size), 0);
         thread_ = std::thread([this] { serve(); });
     }
     // An empty datagram to itself wakes the box to see that it must stop.
     ~fake_box() {
         stopping_ = true;
-        (void)sendto(fd_.get(), "", 0, 0, reinterpret_cast<sockaddr *>(&self_), sizeof self_);
+        (void)sendto(fd_.get(), "", 0, 0, address(self_), sizeof self_);
         thread_.join();
     }
     std::string host() const { return "127.0.0.1:" + std::to_string(ntohs(self_.sin_port)); }
 
   private:
+    static sockaddr *address(sockaddr_in &in) { return reinterpret_cast<sockaddr *>(&in); }
     void serve() {
         packet in(65536);
         for (int index = 0; !stopping_;) {
             sockaddr_in from{};
             socklen_t size = sizeof from;
-            ssize_t n = recvfrom(fd_.get(), in.data(), in.size(), 0,
-                                 reinterpret_cast<sockaddr *>(&from), &size);
+            ssize_t n = recvfrom(fd_.get(), in.data(), in.size(), 0, address(from), &size);
             if (n < 0 || stopping_)
                 continue;
             for (const packet &reply : answer_(packet(in.begin(), in.begin() + n), index++))
-                (void)sendto(fd_.get(), reply.data(), reply.size(), 0,
-                             reinterpret_cast<sockaddr *>(&from), size);
+                (void)sendto(fd_.get(), reply.data(), reply.size(), 0, address(from), size);
         }
     }
 

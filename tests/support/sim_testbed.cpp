@@ -1,13 +1,12 @@
 #include "support/sim_testbed.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -26,9 +25,8 @@ bool udp_port_bound(uint16_t port) {
 } // namespace
 
 std::string read_text_file(const std::string &path) {
-    std::ifstream in(path);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 
@@ -46,7 +44,7 @@ sim_testbed::sim_testbed(int boxes)
 }
 
 bool sim_testbed::join_box(int i) {
-    boxes_.push_back({std::make_unique<test_netns>("sbox" + std::to_string(i)), -1});
+    boxes_.push_back({std::make_unique<test_netns>("sbox" + std::to_string(i))});
     const std::string port = "dyph" + std::to_string(i) + "p" + std::to_string(getpid());
     return run_shell("ip link add " + box_link_ + " netns " + box(i).name() +
                      " type veth peer name " + port + " netns " + host_.name()) == 0 &&
@@ -55,13 +53,9 @@ bool sim_testbed::join_box(int i) {
 }
 
 sim_testbed::~sim_testbed() {
-    for (box_ns &b : boxes_) {
-        if (b.pid <= 0)
-            continue;
-        (void)kill(b.pid, SIGTERM);
-        int status;
-        (void)waitpid(b.pid, &status, 0);
-    }
+    for (box_ns &b : boxes_)
+        if (b.pid > 0 && kill(b.pid, SIGTERM) == 0)
+            (void)waitpid(b.pid, nullptr, 0);
     if (!dir_.empty())
         (void)run_shell("rm -rf " + dir_);
 }
@@ -87,36 +81,27 @@ std::string sim_testbed::output(int box) const {
 }
 
 bool sim_testbed::start(const std::string &script, std::initializer_list<uint16_t> ports, int box) {
-    std::string output_path = dir_ + "/program" + std::to_string(box) + ".out";
+    const std::string output_path = dir_ + "/program" + std::to_string(box) + ".out";
     pid_t pid = fork();
-    if (pid < 0)
-        return false;
     if (pid == 0) {
-        FILE *out = freopen(output_path.c_str(), "w", stderr);
-        if (out != nullptr)
+        if (FILE *out = freopen(output_path.c_str(), "w", stderr))
             (void)dup2(fileno(out), STDOUT_FILENO);
         execlp("ip", "ip", "netns", "exec", this->box(box).name().c_str(), "unshare", "-m", "sh",
                "-c", script.c_str(), static_cast<char *>(nullptr));
         _exit(127);
     }
     boxes_[box].pid = pid;
-    return ports_bound(box, ports);
+    return pid > 0 && ports_bound(box, ports);
 }
 
 bool sim_testbed::ports_bound(int box, std::initializer_list<uint16_t> ports) {
     netns_scope inside(this->box(box).name());
-    if (!inside.ok())
-        return false;
     pid_t &pid = boxes_[box].pid;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-        bool all = true;
-        for (uint16_t port : ports)
-            all = all && udp_port_bound(port);
-        if (all)
+    while (inside.ok() && std::chrono::steady_clock::now() < deadline) {
+        if (std::all_of(ports.begin(), ports.end(), udp_port_bound))
             return true;
-        int status;
-        if (waitpid(pid, &status, WNOHANG) == pid) {
+        if (waitpid(pid, nullptr, WNOHANG) == pid) {
             pid = -1;
             return false;
         }

@@ -1,16 +1,11 @@
-// A test bed for running the daemon end to end: one or more box
-// namespaces, each joined by a veth pair to a bridge in one host namespace
-// (host 192.0.2.2/24, boxes 192.0.2.1, 192.0.2.3, 192.0.2.5, ...), and a
-// program started in a box namespace inside a private mount namespace of
-// its own. Namespace and link names carry the pid, so that test processes
-// running side by side never meet.
+// A test bed for running the daemon end to end: box namespaces, each joined
+// by a veth pair to a bridge in one host namespace (host 192.0.2.2/24,
+// boxes 192.0.2.1, 192.0.2.3, ...), and programs started in a box namespace
+// inside a private mount namespace. Names carry the pid.
 #pragma once
 
-#include <cstdint>
 #include <initializer_list>
 #include <memory>
-#include <string>
-#include <sys/types.h>
 #include <vector>
 
 #include "support/netns.h"
@@ -29,11 +24,10 @@ class sim_testbed {
     // output going to output(box), and waits until every UDP port in
     // `ports` is bound in that box's namespace. False if it died or took 10 s.
     bool start(const std::string &script, std::initializer_list<uint16_t> ports, int box = 0);
-    // A script for start(): dypd in the foreground in debug mode with the
-    // simulated driver and the example devices, its configuration file
-    // `conf`, its own /var/run for the pid file and a /sys/bus where the
-    // device at H112 (1-1.2) has the serial number NW410A00017. Each entry of
-    // `env` is added to the daemon's environment as it stands ("NAME=value").
+    // A script for start(): dypd -d with the simulated driver and the example
+    // devices, configuration file `conf`, its own /var/run and a /sys/bus
+    // where 1-1.2 (H112) has the serial NW410A00017; `env` ("NAME=value ...")
+    // is added to its environment.
     static std::string daemon_script(const std::string &conf, const std::string &env = "");
 
     const test_netns &box(int i = 0) const { return *boxes_[i].ns; }
@@ -58,9 +52,7 @@ class sim_testbed {
 
     test_netns host_{"shost"};
     std::vector<box_ns> boxes_;
-    std::string box_link_;
-    std::string host_link_;
-    std::string dir_;
+    std::string box_link_, host_link_, dir_;
     bool ready_ = false;
 };
 

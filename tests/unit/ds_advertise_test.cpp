@@ -18,14 +18,13 @@ class DsAdvertise : public ::testing::Test {
     uint16_t status() const { return get_be16(reply + 82); }
     std::string description() const { return reinterpret_cast<const char *>(reply + 84); }
 
-    identity_scope identity;
+    identity_scope identity{0x0401};
     uint8_t marker = DYP_ADVERTISE_MARKER1;
     uint8_t reply[DYP_RESPONSE_MAX];
-    fake_module first{"first"}, second{"second"};
+    fake_module first{"first"}, second{"second"}, third{"third"}, lacking{"lacking"};
 };
 
 TEST_F(DsAdvertise, WithoutModulesTheReplyCarriesTheVersionAndTheStatusBits) {
-    identity.identity.status = 0x0401;
     module_list_scope list;
     ASSERT_EQ(advertise(), 164);
     EXPECT_EQ(0, memcmp(reply, "\x00\x02\x95\x06", 4));
@@ -41,30 +40,25 @@ TEST_F(DsAdvertise, WithoutModulesTheReplyCarriesTheVersionAndTheStatusBits) {
     EXPECT_EQ(advertise(), -EINVAL);
 }
 
-TEST_F(DsAdvertise, TheFirstSharedInterfaceIsDescribedWithin31Characters) {
-    first.interfaces = {{"usb1"}};
-    first.interfaces[0].raw_description = true; // 256 bytes, no NUL
-    first.interfaces[0].status_flag = 1;
-    module_list_scope list({&first});
-    ASSERT_EQ(advertise(), 164);
-    EXPECT_EQ(description(), std::string(31, 'D'));
-    EXPECT_EQ(status(), 0x8483);
-}
-
-TEST_F(DsAdvertise, ModuleFailuresMoveOnAndOnlyRealOnesAreLogged) {
-    fake_module third("third"), lacking("lacking");
+// Failures move on to the next interface and only real ones are logged;
+// the description is cut to 31 characters.
+TEST_F(DsAdvertise, TheFirstInterfaceAModuleDescribesIsAdvertised) {
+    identity.identity.status = 0;
     lacking.get()->get_interface_info = nullptr;
     first.interfaces = {{"usb1", -ENODEV}};
     second.interfaces = {{"usb2", -EIO}};
     third.interfaces = {{"usb3"}};
-    third.interfaces[0].description = "found";
+    third.interfaces[0].raw_description = true; // 256 bytes, no NUL
     module_list_scope list({&lacking, &first, &second, &third});
     log_capture log;
     ASSERT_EQ(advertise(), 164);
-    EXPECT_EQ(description(), "found");
-    EXPECT_EQ(status(), 0x8083);
+    EXPECT_EQ(description(), std::string(31, 'D'));
+    EXPECT_EQ(status(), 0x8083); // present
     EXPECT_EQ(log.count(LOG_ERR, "cannot get interface info module second (err: " +
                                      std::to_string(-EIO) + ")"),
               1);
     EXPECT_EQ(log.lines().size(), 1u);
+    third.interfaces[0].status_flag = 1;
+    ASSERT_EQ(advertise(), 164);
+    EXPECT_EQ(status(), 0x8483); // and flagged
 }

@@ -1,16 +1,11 @@
 #include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "ds/ds.h"
 #include "ds/ska.h"
+#include "lib/fd.h"
 #include "modules/usbds.h"
 #include "protocol/command.h"
 #include "support/fake_ds_module.h"
-
-static int32_t other_handler(const uint8_t *, uint8_t *, uint32_t, const sockaddr_in *, int32_t) {
-    return 0;
-}
 
 static std::vector<std::string> registered_commands() {
     std::vector<std::string> names;
@@ -21,11 +16,12 @@ static std::vector<std::string> registered_commands() {
     return names;
 }
 
-// Everything init builds is gone again.
-static void expect_torn_down() {
+// Everything init builds is gone again; the endpoint's advertise handler is `advertise`.
+static void expect_torn_down(const dypd_udp_port &endpoint, dypd_advertise_handler advertise) {
     EXPECT_EQ(dypd_ds_modlist, nullptr);
     EXPECT_EQ(dypd_ds_ska_get_fd(), -1);
     EXPECT_TRUE(registered_commands().empty());
+    EXPECT_EQ(endpoint.advertise, advertise);
 }
 
 using DsInit = ska_namespace_test;
@@ -35,7 +31,6 @@ TEST_F(DsInit, BuildsTheDeviceServerWatchesSkaAndUndoesEachStepInTurn) {
     dypd_udp_port endpoint{};
     ASSERT_EQ(dypd_ds_init(&endpoint), 0);
     EXPECT_EQ(dypd_ds_core, &endpoint);
-    EXPECT_EQ(endpoint.advertise, &dypd_ds_process_advertise);
     EXPECT_EQ(dypd_ds_modlist->head.next->item, &usbds_module);
     EXPECT_EQ(registered_commands(),
               (std::vector<std::string>{"EXEC SCANNER CONNECT", "EXEC SCANNER DISCONNECT",
@@ -44,35 +39,24 @@ TEST_F(DsInit, BuildsTheDeviceServerWatchesSkaAndUndoesEachStepInTurn) {
                                         "GET USB_PORT_NAME"}));
     fd_set set;
     FD_ZERO(&set);
-    int fd = dypd_ds_subproto_fd_set(&set);
-    EXPECT_EQ(fd, dypd_ds_ska_get_fd());
-    EXPECT_TRUE(FD_ISSET(fd, &set));
+    EXPECT_EQ(dypd_ds_subproto_fd_set(&set), dypd_ds_ska_get_fd());
+    EXPECT_TRUE(FD_ISSET(dypd_ds_ska_get_fd(), &set));
     dypd_ds_cleanup();
-    expect_torn_down();
-    EXPECT_EQ(endpoint.advertise, &dypd_ds_process_advertise); // stays registered
+    expect_torn_down(endpoint, &dypd_ds_process_advertise); // stays registered
 
-    endpoint.advertise = other_handler;
+    // Another advertise handler, or SKA's port taken.
+    endpoint.advertise = [](const uint8_t *, uint8_t *, uint32_t, const sockaddr_in *, int32_t) {
+        return 0;
+    };
+    const dypd_advertise_handler other = endpoint.advertise;
     EXPECT_EQ(dypd_ds_init(&endpoint), -EINVAL);
-    expect_torn_down();
-    EXPECT_EQ(endpoint.advertise, &other_handler);
+    expect_torn_down(endpoint, other);
     endpoint.advertise = nullptr;
-    int holder = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    unique_fd holder(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in any{AF_INET, htons(SKA_PORT), {INADDR_ANY}, {}};
-    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
+    ASSERT_EQ(bind(holder.get(), reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
     EXPECT_EQ(dypd_ds_init(&endpoint), -EADDRINUSE);
-    close(holder);
-    expect_torn_down();
-    // Allocation order: the module list (the core stays unset), the usbds
-    // list node, the SKA buffer, then one node per command.
-    dypd_ds_core = nullptr;
-    for (unsigned failing : {1u, 2u, 3u, 4u, 10u}) {
-        SCOPED_TRACE(failing);
-        dyp_alloc_fail_after(failing);
-        EXPECT_EQ(dypd_ds_init(&endpoint), -ENOMEM);
-        dyp_alloc_fail_after(0);
-        expect_torn_down();
-        EXPECT_EQ(endpoint.advertise, nullptr);
-        EXPECT_EQ(dypd_ds_core, failing == 1 ? nullptr : &endpoint);
-    }
+    expect_torn_down(endpoint, nullptr);
+    // Failed allocations are swept with the whole start-up in alloc_sweep_test.
     dypd_command_cleanup();
 }

@@ -4,23 +4,18 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
+#include "lib/fd.h"
 #include "support/netns.h"
 
 TEST(PidFile, StaleFileIsRewrittenAndASecondInstanceFailsAtTheLock) {
     const std::string name = "dyptest-" + std::to_string(getpid());
     const std::string path = "/var/run/" + name + ".pid";
     std::ofstream(path) << "1234567890\nleftover\n"; // longer than the new content
-    int fd = tq_create_pid_file(name.c_str());
-    ASSERT_GE(fd, 0);
-    const std::string expected = std::to_string(getpid()) + "\n";
-    EXPECT_EQ(run_shell_output("cat " + path), expected);
+    unique_fd fd(tq_create_pid_file(name.c_str()));
+    ASSERT_TRUE(fd.valid());
     // A second open of the file conflicts at the lock like a second process.
     EXPECT_EQ(tq_create_pid_file(name.c_str()), -1);
-    EXPECT_EQ(run_shell_output("cat " + path), expected);
-    close(fd);
+    EXPECT_EQ(run_shell_output("cat " + path), std::to_string(getpid()) + "\n");
     unlink(path.c_str());
 }
 
@@ -28,17 +23,16 @@ TEST(Daemonize, DetachedProcessHasNullStreamsRootDirectoryAndNoUmask) {
     int report[2];
     ASSERT_EQ(pipe(report), 0);
     pid_t child = fork();
-    ASSERT_GE(child, 0);
     if (child == 0) {
         umask(022);
         if (tq_daemonize(nullptr) != 0)
             _exit(1);
         struct stat null_device {
-        }, in{}, out{}, err{};
+        }, stream{};
         stat("/dev/null", &null_device);
-        bool null = fstat(0, &in) == 0 && fstat(1, &out) == 0 && fstat(2, &err) == 0 &&
-                    in.st_rdev == null_device.st_rdev && out.st_rdev == null_device.st_rdev &&
-                    err.st_rdev == null_device.st_rdev;
+        bool null = true;
+        for (int fd = 0; fd < 3; ++fd)
+            null = null && fstat(fd, &stream) == 0 && stream.st_rdev == null_device.st_rdev;
         char cwd[64] = {};
         dprintf(report[1], "%s cwd=%s umask=%o", null ? "null streams" : "other streams",
                 getcwd(cwd, sizeof cwd), umask(0));

@@ -1,56 +1,42 @@
 #include "lib/tqstdio.h"
 
-#include <cerrno>
-#include <cstdio>
 #include <fstream>
-
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "lib/alloc.h"
 #include "support/time_limit.h"
 
-namespace {
-
-// A stream over a copy of `content` (NUL bytes included) and the caller's line buffer.
-struct line_reader {
-    std::string bytes;
-    FILE *file;
+// The lines of `content` (NUL bytes included) each followed by '|', read
+// through one line buffer whose final size goes to `size`; the end must be -ENOENT.
+static std::string lines_of(std::string content, int skip_empty, size_t *size = nullptr) {
+    FILE *file = fmemopen(content.data(), content.size(), "r");
     char *data = nullptr;
-    size_t size = 0;
-    explicit line_reader(const std::string &content)
-        : bytes(content), file(fmemopen(bytes.data(), bytes.size(), "r")) {}
-    ~line_reader() {
-        fclose(file);
-        dyp_free(data);
-    }
-    int read(int skip_empty = 1) { return _tq_getline(&data, &size, file, skip_empty); }
-    // Every line up to the end, each followed by '|'; the end must be -ENOENT.
-    std::string all(int skip_empty) {
-        std::string found;
-        int length;
-        while ((length = read(skip_empty)) >= 0)
-            found.append(data, static_cast<size_t>(length)) += '|';
-        EXPECT_EQ(length, -ENOENT);
-        return found;
-    }
-};
-
-} // namespace
+    size_t capacity = 0;
+    std::string found;
+    int length;
+    while ((length = _tq_getline(&data, &capacity, file, skip_empty)) >= 0)
+        found.append(data, static_cast<size_t>(length)) += '|';
+    EXPECT_EQ(length, -ENOENT);
+    fclose(file);
+    dyp_free(data);
+    if (size != nullptr)
+        *size = capacity;
+    return found;
+}
 
 TEST(TqGetline, LineEndsEmptyLinesAndTheUnterminatedLastLine) {
-    EXPECT_EQ(line_reader("a=1\r\n\r\nb=2\r\n").all(1), "a=1|b=2|");
-    EXPECT_EQ(line_reader("a\r\nb\n\n").all(0), "a||b||");
-    EXPECT_EQ(line_reader(std::string("a\0b\rc", 5)).all(1), "a|b|c|");
-    EXPECT_EQ(line_reader("first\nlast").all(1), "first|last|");
+    EXPECT_EQ(lines_of("a=1\r\n\r\nb=2\r\n", 1), "a=1|b=2|");
+    EXPECT_EQ(lines_of("a\r\nb\n\n", 0), "a||b||");
+    EXPECT_EQ(lines_of(std::string("a\0b\rc", 5), 1), "a|b|c|");
+    EXPECT_EQ(lines_of("first\nlast", 1), "first|last|");
 }
 
 TEST(TqGetline, BufferStartsAt16AndDoublesFromThe15thCharacter) {
-    const size_t cases[][2] = {{0, 16}, {14, 16}, {15, 32}, {31, 64}, {63, 128}};
-    for (const auto &c : cases) {
-        line_reader reader(std::string(c[0], 'x') + "\n");
-        EXPECT_EQ(reader.read(0), static_cast<int>(c[0]));
-        EXPECT_EQ(reader.size, c[1]) << "line of " << c[0];
+    for (auto [length, size] : {std::pair<size_t, size_t>{0, 16}, {14, 16}, {15, 32}, {63, 128}}) {
+        size_t got = 0;
+        EXPECT_EQ(lines_of(std::string(length, 'x') + "\n", 0, &got),
+                  std::string(length, 'x') + "|");
+        EXPECT_EQ(got, size) << "line of " << length;
     }
 }
 
