@@ -4,7 +4,6 @@
 // when interrupted.
 #include <chrono>
 #include <csignal>
-#include <iostream>
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
@@ -23,17 +22,10 @@ using std::chrono::steady_clock;
 // second or two.
 const char PACE[] = " --json --interval 0.2 --check 0.3 --timeout 0.3 --retries 1 --retry-max 1";
 
-class DypctlHoldTest : public ::testing::Test {
+class DypctlHoldTest : public dypctl_bed_test {
   protected:
-    void SetUp() override {
-        DYP_REQUIRE_ROOT();
-        ASSERT_TRUE(bed.ready());
-        conf = bed.dir() + "/dypd.conf";
-        write_text_file(conf, "hostname=holdbox\n");
-        examples = read_text_file(DYPTEST_SOURCE_DIR "/examples/devices.ini");
-        start_daemon(examples);
-    }
-
+    DypctlHoldTest() : dypctl_bed_test(2) {}
+    void start_daemons() override { start_daemon(0, "hostname=holdbox\n", examples); }
     void TearDown() override {
         if (hold_pid > 0) {
             (void)kill(hold_pid, SIGKILL);
@@ -41,25 +33,16 @@ class DypctlHoldTest : public ::testing::Test {
         }
     }
 
-    void start_daemon(const std::string &devices_text) {
-        const std::string devices = bed.dir() + "/devices" + std::to_string(++daemons) + ".ini";
-        write_text_file(devices, devices_text);
-        ASSERT_TRUE(bed.start(daemon_script_with(conf, devices, example_serials()), {19540}, 0))
-            << bed.output(0);
-    }
-
     // Kills every process of the box namespace (the daemon) and reaps it.
     void kill_daemon() {
         std::istringstream pids(run_shell_output("ip netns pids " + bed.box(0).name()));
-        for (pid_t pid; pids >> pid;) {
+        for (pid_t pid; pids >> pid; (void)waitpid(pid, nullptr, 0))
             (void)kill(pid, SIGKILL);
-            (void)waitpid(pid, nullptr, 0);
-        }
     }
 
     // Starts `dypctl hold ARGS` in the host namespace, its output going to a file.
     void start_hold(const std::string &args) {
-        hold_out = bed.dir() + "/hold" + std::to_string(++holds) + ".out";
+        hold_out = bed.dir() + "/hold.out";
         hold_pid = fork();
         ASSERT_GE(hold_pid, 0);
         if (hold_pid == 0) {
@@ -87,18 +70,15 @@ class DypctlHoldTest : public ::testing::Test {
         return all;
     }
 
-    // Waits until the `n`-th event named `name` (counting from 1) is out;
-    // the hold's own waits are bounded, so 20 s is far beyond any of them.
-    json await_event(const std::string &name, int n = 1) {
-        auto deadline = steady_clock::now() + std::chrono::seconds(20);
-        while (steady_clock::now() < deadline) {
-            int seen = 0;
+    // Waits for the first event named `name`; the hold's own waits are
+    // bounded, so 20 s is far beyond any of them.
+    json await_event(const std::string &name) {
+        for (auto end = steady_clock::now() + std::chrono::seconds(20); steady_clock::now() < end;
+             std::this_thread::sleep_for(std::chrono::milliseconds(20)))
             for (const auto &e : events())
-                if (e["event"] == name && ++seen == n)
+                if (e["event"] == name)
                     return e;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        ADD_FAILURE() << "no event " << name << " #" << n << " in:\n" << read_text_file(hold_out);
+        ADD_FAILURE() << "no event " << name << " in:\n" << read_text_file(hold_out);
         return json();
     }
 
@@ -111,62 +91,52 @@ class DypctlHoldTest : public ::testing::Test {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    json status_of(const std::string &device) {
-        return parsed_json(run_dypctl("status 192.0.2.1 " + device + " --json",
-                                      "ip netns exec " + bed.host().name() + " "));
+    std::string holder_of(const std::string &device) {
+        return parsed_json(in_host("status 192.0.2.1 " + device + " --json"))["holder"];
     }
 
-    sim_testbed bed{2};
-    std::string conf, examples, hold_out;
-    int daemons = 0, holds = 0;
+    const std::string examples = read_text_file(DYPTEST_SOURCE_DIR "/examples/devices.ini");
+    std::string hold_out;
     pid_t hold_pid = -1;
 };
 
+// Expects `event` to hold each key of `expected` with its value.
+void expect_holds(const json &event, const json &expected) {
+    json merged = event;
+    merged.update(expected);
+    EXPECT_EQ(merged, event);
+}
+
 TEST_F(DypctlHoldTest, KeepsTheDeviceThroughADaemonRestartAndReleasesItOnInterrupt) {
     start_hold("serial:FPS2-88231");
-    json connected = await_event("connected");
-    EXPECT_EQ(connected["interface"], "scanner2");
-    EXPECT_EQ(connected["serial"], "FPS2-88231");
-    EXPECT_EQ(connected["box"], "192.0.2.1");
-    EXPECT_EQ(status_of("scanner2")["holder"], "192.0.2.2");
-
+    expect_holds(await_event("connected"),
+                 {{"interface", "scanner2"}, {"serial", "FPS2-88231"}, {"box", "192.0.2.1"}});
+    EXPECT_EQ(holder_of("scanner2"), "192.0.2.2");
     // The daemon dies; it comes back with every device free, and the serial
     // number now under another interface name.
     kill_daemon();
     await_event("lost");
     std::string renamed = examples;
-    renamed.replace(renamed.find("[scanner2]"), 10, "[scanner7]");
-    start_daemon(renamed);
-    auto back = steady_clock::now();
-    json reconnected = await_event("reconnected");
-    auto took = std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - back);
-    RecordProperty("reconnect_ms", int(took.count()));
-    std::cout << "hold reconnected " << took.count() << " ms after the daemon was back\n";
-    EXPECT_EQ(reconnected["interface"], "scanner7");
-    EXPECT_EQ(reconnected["holder"], "192.0.2.2");
-    EXPECT_EQ(status_of("scanner7")["holder"], "192.0.2.2");
-
+    start_daemon(0, "hostname=holdbox\n", renamed.replace(renamed.find("[scanner2]"), 10, "[scanner7]"));
+    expect_holds(await_event("reconnected"), {{"interface", "scanner7"}, {"holder", "192.0.2.2"}});
+    EXPECT_EQ(holder_of("scanner7"), "192.0.2.2");
     EXPECT_EQ(interrupt_hold(), 0);
     // One line per change of state, no repeats while the box was away.
     std::vector<std::string> names;
     for (const auto &e : events())
         names.push_back(e["event"]);
-    EXPECT_EQ(names, (std::vector<std::string>{"connected", "lost", "box-back", "reconnected",
-                                               "released"}))
+    EXPECT_EQ(names, (std::vector<std::string>{"connected", "lost", "box-back", "reconnected", "released"}))
         << read_text_file(hold_out);
-    EXPECT_EQ(status_of("scanner7")["holder"], "0.0.0.0");
+    EXPECT_EQ(holder_of("scanner7"), "0.0.0.0");
 }
 
 TEST_F(DypctlHoldTest, WaitsWhileAnotherHostHoldsTheDeviceThenTakesIt) {
-    const std::string other = "ip netns exec " + bed.box(1).name() + " ";
-    expect_run(run_dypctl("connect 192.0.2.1 scanner3", other), 0, {"OK"});
+    expect_run(in_ns(bed.box(1), "connect 192.0.2.1 scanner3"), 0, {"OK"});
     start_hold("scanner3");
-    json busy = await_event("held-by-another");
-    EXPECT_EQ(busy["holder"], "192.0.2.3");
-    EXPECT_EQ(status_of("scanner3")["holder"], "192.0.2.3") << "hold must not take it";
-    expect_run(run_dypctl("disconnect 192.0.2.1 scanner3", other), 0, {"OK"});
-    json connected = await_event("connected");
-    EXPECT_EQ(connected["holder"], "192.0.2.2");
+    EXPECT_EQ(await_event("held-by-another")["holder"], "192.0.2.3");
+    EXPECT_EQ(holder_of("scanner3"), "192.0.2.3") << "hold must not take it";
+    expect_run(in_ns(bed.box(1), "disconnect 192.0.2.1 scanner3"), 0, {"OK"});
+    EXPECT_EQ(await_event("connected")["holder"], "192.0.2.2");
     EXPECT_EQ(interrupt_hold(), 0);
 }
 

@@ -1,5 +1,5 @@
-// Running the built dypctl as a person would, and daemons of the test bed
-// with device files and serial numbers of the test's choosing.
+// Running the built dypctl as a person would, against daemons of the test
+// bed with device files and serial numbers of the test's choosing.
 #pragma once
 
 #include <cstdio>
@@ -25,18 +25,15 @@ inline dypctl_result run_dypctl(const std::string &args, const std::string &pref
     dypctl_result r;
     const char *errors = args.find("2>") == std::string::npos ? " 2>&1" : "";
     FILE *pipe = popen((prefix + DYPTEST_EMULATOR DYPCTL_BINARY + " " + args + errors).c_str(), "r");
-    if (pipe == nullptr)
-        return r;
     char chunk[512];
-    for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+    for (size_t n; pipe != nullptr && (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
         r.out.append(chunk, n);
-    int status = pclose(pipe);
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    int status = pipe == nullptr ? -1 : pclose(pipe);
+    r.status = status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return r;
 }
 
-inline void expect_run(const dypctl_result &r, int status,
-                       std::initializer_list<std::string> parts) {
+inline void expect_run(const dypctl_result &r, int status, std::initializer_list<std::string> parts) {
     EXPECT_EQ(r.status, status) << r.out;
     for (const auto &part : parts)
         EXPECT_NE(r.out.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << r.out;
@@ -50,27 +47,47 @@ inline nlohmann::json parsed_json(const dypctl_result &r) {
     return doc.is_discarded() ? nlohmann::json() : doc;
 }
 
-// A daemon script like sim_testbed::daemon_script, with the devices of
-// `devices` and a sysfs serial file for each entry of `serials` (sysfs
-// device directory, such as 1-1.3, to serial number).
-inline std::string daemon_script_with(const std::string &conf, const std::string &devices,
-                                      const std::map<std::string, std::string> &serials,
-                                      const std::string &env = "") {
-    std::string script = sim_testbed::daemon_script(conf, "DYPSIM_DEVICES=" + devices + " " + env);
-    std::string files;
-    for (const auto &[dir, serial] : serials)
-        files += " && mkdir -p /sys/bus/usb/devices/" + dir + " && echo " + serial +
-                 " > /sys/bus/usb/devices/" + dir + "/serial";
-    return script.insert(script.find(" && exec env"), files);
-}
+// The serial numbers of examples/devices.ini by the sysfs directory that
+// keeps them.
+inline const std::map<std::string, std::string> EXAMPLE_SERIALS = {
+    {"1-1.2", "NW410A00017"}, {"1-1.3", "FPS2-88231"}, {"1-1.4", "CO7A01X9"}};
 
-// The serial numbers of examples/devices.ini, where sysfs keeps them.
-inline const std::map<std::string, std::string> &example_serials() {
-    static const std::map<std::string, std::string> serials = {
-        {"1-1.2", "NW410A00017"}, {"1-1.3", "FPS2-88231"}, {"1-1.4", "CO7A01X9"}};
-    return serials;
-}
+// A test bed of `boxes` box namespaces (root): start_daemons() starts the
+// daemons with the simulated driver, dypctl runs in a namespace of choice.
+class dypctl_bed_test : public ::testing::Test {
+  protected:
+    explicit dypctl_bed_test(int boxes) : bed(boxes) {}
+    void SetUp() override {
+        DYP_REQUIRE_ROOT();
+        ASSERT_TRUE(bed.ready());
+        start_daemons();
+    }
+    virtual void start_daemons() = 0;
 
-inline void write_text_file(const std::string &path, const std::string &text) {
-    std::ofstream(path) << text;
-}
+    // Starts dypd in box `box` with the configuration `conf`, the device
+    // file `devices`, a sysfs serial file for each of `serials` and `env`
+    // added to its environment.
+    void start_daemon(int box, const std::string &conf, const std::string &devices,
+                      const std::map<std::string, std::string> &serials = EXAMPLE_SERIALS,
+                      const std::string &env = "") {
+        const std::string path = bed.dir() + "/dypd" + std::to_string(++daemons);
+        std::ofstream(path + ".conf") << conf;
+        std::ofstream(path + ".ini") << devices;
+        std::string script =
+            sim_testbed::daemon_script(path + ".conf", "DYPSIM_DEVICES=" + path + ".ini " + env);
+        std::string files;
+        for (const auto &[dir, serial] : serials)
+            files += " && mkdir -p /sys/bus/usb/devices/" + dir + " && echo " + serial +
+                     " > /sys/bus/usb/devices/" + dir + "/serial";
+        ASSERT_TRUE(bed.start(script.insert(script.find(" && exec env"), files), {19540}, box))
+            << bed.output(box);
+    }
+
+    dypctl_result in_ns(const test_netns &ns, const std::string &args) {
+        return run_dypctl(args, "ip netns exec " + ns.name() + " ");
+    }
+    dypctl_result in_host(const std::string &args) { return in_ns(bed.host(), args); }
+
+    sim_testbed bed;
+    int daemons = 0;
+};
