@@ -2,12 +2,11 @@
 // bed with device files and serial numbers of the test's choosing.
 #pragma once
 
-#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <initializer_list>
 #include <map>
 #include <string>
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -22,15 +21,11 @@ struct dypctl_result {
 // Runs dypctl with `args` (after `prefix`); standard error joins standard
 // output unless `args` redirect it.
 inline dypctl_result run_dypctl(const std::string &args, const std::string &prefix = "") {
-    dypctl_result r;
     const char *errors = args.find("2>") == std::string::npos ? " 2>&1" : "";
-    FILE *pipe = popen((prefix + DYPTEST_EMULATOR DYPCTL_BINARY + " " + args + errors).c_str(), "r");
-    char chunk[512];
-    for (size_t n; pipe != nullptr && (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        r.out.append(chunk, n);
-    int status = pipe == nullptr ? -1 : pclose(pipe);
-    r.status = status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
+    std::string out = run_shell_output(prefix + DYPTEST_EMULATOR DYPCTL_BINARY " " + args + errors +
+                                       "; printf '\\n%d' $?");
+    const size_t end = out.rfind('\n');
+    return {end == std::string::npos ? -1 : std::atoi(out.c_str() + end + 1), out.substr(0, end)};
 }
 
 inline void expect_run(const dypctl_result &r, int status, std::initializer_list<std::string> parts) {
@@ -89,5 +84,6 @@ class dypctl_bed_test : public ::testing::Test {
     dypctl_result in_host(const std::string &args) { return in_ns(bed.host(), args); }
 
     sim_testbed bed;
+    const std::string examples = read_text_file(DYPTEST_SOURCE_DIR "/examples/devices.ini");
     int daemons = 0;
 };
