@@ -28,7 +28,8 @@ inline dypctl_result run_dypctl(const std::string &args, const std::string &pref
     return {end == std::string::npos ? -1 : std::atoi(out.c_str() + end + 1), out.substr(0, end)};
 }
 
-inline void expect_run(const dypctl_result &r, int status, std::initializer_list<std::string> parts) {
+inline void expect_run(const dypctl_result &r, int status,
+                       std::initializer_list<std::string> parts) {
     EXPECT_EQ(r.status, status) << r.out;
     for (const auto &part : parts)
         EXPECT_NE(r.out.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << r.out;
