@@ -290,10 +290,10 @@ TEST_F(DypctlInventoryTest, ListsEveryDeviceOfEveryBoxAndTheSilentBoxWithItsErro
     EXPECT_EQ(run.status, 3) << "a box without its list makes the run incomplete";
     auto doc = parsed_json(run);
     ASSERT_EQ(doc["boxes"].size(), size_t(DAEMONS + 1)) << doc;
-    std::set<std::string> names, devices;
+    std::set<std::string> devices;
+    int mute = 0;
     for (const auto &box : doc["boxes"]) {
-        names.insert(box["hostname"].get<std::string>());
-        if (box["hostname"] == "mute") {
+        if (box["hostname"] == "mute" && ++mute) {
             EXPECT_FALSE(box.contains("devices"));
             EXPECT_NE(box["error"].get<std::string>().find("no answer from"), std::string::npos)
                 << box;
@@ -309,7 +309,7 @@ TEST_F(DypctlInventoryTest, ListsEveryDeviceOfEveryBoxAndTheSilentBoxWithItsErro
     }
     EXPECT_EQ(devices.size(), size_t(3 * DAEMONS)) << "each device of each box once";
     EXPECT_EQ(devices.count("box7/scanner2=FPS2-88231"), 1u);
-    EXPECT_EQ(names.size(), size_t(DAEMONS + 1));
+    EXPECT_EQ(mute, 1);
 
     // The table says the same, one line per device and one for the error.
     expect_run(in_host("inventory --timeout 0.5 --retries 0"), 3,
@@ -387,11 +387,11 @@ TEST(DypctlLoopback, KeepaliveReportsAMissedEchoAndGoesOn) {
         run_dypctl("keepalive " + flaky.host() +
                    " scanner1 --count 3 --interval 0.01 --timeout 0.1 --retries 0 --json");
     EXPECT_EQ(counted.status, 0) << counted.out;
-    std::vector<bool> echoes;
+    std::string echoes;
     std::istringstream lines(counted.out);
     for (std::string line; std::getline(lines, line);)
-        echoes.push_back(json::parse(line).at("echo").get<bool>());
-    EXPECT_EQ(echoes, (std::vector<bool>{true, false, true})) << counted.out;
+        echoes += json::parse(line).at("echo").dump() + " ";
+    EXPECT_EQ(echoes, "true false true ") << counted.out;
 
     fake_box silent(silence);
     expect_run(run_dypctl("keepalive " + silent.host() + " scanner1 --timeout 0.1 --retries 0"), 3,
