@@ -440,11 +440,11 @@ TEST(MalformedDatagrams, EachIsFlaggedWithItsExpertInfoAndNoneBreaksTheDissector
     DYP_REQUIRE_TSHARK();
     auto started = [](const std::string &command) { return std::vector{ask(command)}; };
     const auto names = started("GET SCANNER PORT_NAME"), list = started("GET USB_DEVICE_LIST");
-    bytes adv = zeros(164), adv_unterminated, adv_not_one;
-    adv[1] = 2, adv[2] = 0x95, adv[3] = 0x06, adv[65] = 1;
-    adv_unterminated = adv, adv_not_one = adv;
-    std::fill(adv_unterminated.begin() + 36, adv_unterminated.begin() + 52, 'P');
-    adv_not_one[65] = 2;
+    // A 164-byte advertise reply, its product name (36-51) of `fill`, `one` at 65.
+    auto adv = [](uint8_t fill, uint8_t one) {
+        return bytes{0, 2, 0x95, 0x06} + zeros(32) + bytes(16, fill) + zeros(13) + bytes{one} +
+               zeros(98);
+    };
     const std::string s20(20, 's'), s15(15, 's'), s60(60, 's');
     const std::vector<flagged_case> cases = {
         // Requests that the box drops or refuses.
@@ -477,9 +477,9 @@ TEST(MalformedDatagrams, EachIsFlaggedWithItsExpertInfoAndNoneBreaksTheDissector
         {"status 7", names, answer(1, 7, 0, 1, {0}), "bad_status"},
         {"window at 512 missing", {list[0], answer(1, 1, 0, 512, zeros(512))},
          answer(2, 0, 1024, 10, zeros(10)), "gap"},
-        {"advertise reply of 100 bytes", {}, {true, first(adv, 100)}, "advertise"},
-        {"product name without NUL", {}, {true, adv_unterminated}, "advertise"},
-        {"bytes 64-65 not 1", {}, {true, adv_not_one}, "advertise"},
+        {"advertise reply of 100 bytes", {}, {true, first(adv(0, 1), 100)}, "advertise"},
+        {"product name without NUL", {}, {true, adv('P', 1)}, "advertise"},
+        {"bytes 64-65 not 1", {}, {true, adv(0, 2)}, "advertise"},
         // Results that do not decode.
         {"list ends inside an entry", started("GET USB_DEVICE_LIST_EX"),
          result(bytes{2} + text(std::string("scanner1\0desc\0\xc0\x00", 16))), "truncated"},
