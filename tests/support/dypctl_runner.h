@@ -1,13 +1,12 @@
-// Running the built dypctl as a person would, and daemons of the test bed
-// with device files and serial numbers of the test's choosing.
+// Running the built dypctl as a person would, against daemons of the test
+// bed with device files and serial numbers of the test's choosing.
 #pragma once
 
-#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <initializer_list>
 #include <map>
 #include <string>
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -22,17 +21,11 @@ struct dypctl_result {
 // Runs dypctl with `args` (after `prefix`); standard error joins standard
 // output unless `args` redirect it.
 inline dypctl_result run_dypctl(const std::string &args, const std::string &prefix = "") {
-    dypctl_result r;
     const char *errors = args.find("2>") == std::string::npos ? " 2>&1" : "";
-    FILE *pipe = popen((prefix + DYPTEST_EMULATOR DYPCTL_BINARY + " " + args + errors).c_str(), "r");
-    if (pipe == nullptr)
-        return r;
-    char chunk[512];
-    for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        r.out.append(chunk, n);
-    int status = pclose(pipe);
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
+    std::string out = run_shell_output(prefix + DYPTEST_EMULATOR DYPCTL_BINARY " " + args + errors +
+                                       "; printf '\\n%d' $?");
+    const size_t end = out.rfind('\n');
+    return {end == std::string::npos ? -1 : std::atoi(out.c_str() + end + 1), out.substr(0, end)};
 }
 
 inline void expect_run(const dypctl_result &r, int status,
@@ -50,27 +43,48 @@ inline nlohmann::json parsed_json(const dypctl_result &r) {
     return doc.is_discarded() ? nlohmann::json() : doc;
 }
 
-// A daemon script like sim_testbed::daemon_script, with the devices of
-// `devices` and a sysfs serial file for each entry of `serials` (sysfs
-// device directory, such as 1-1.3, to serial number).
-inline std::string daemon_script_with(const std::string &conf, const std::string &devices,
-                                      const std::map<std::string, std::string> &serials,
-                                      const std::string &env = "") {
-    std::string script = sim_testbed::daemon_script(conf, "DYPSIM_DEVICES=" + devices + " " + env);
-    std::string files;
-    for (const auto &[dir, serial] : serials)
-        files += " && mkdir -p /sys/bus/usb/devices/" + dir + " && echo " + serial +
-                 " > /sys/bus/usb/devices/" + dir + "/serial";
-    return script.insert(script.find(" && exec env"), files);
-}
+// The serial numbers of examples/devices.ini by the sysfs directory that
+// keeps them.
+inline const std::map<std::string, std::string> EXAMPLE_SERIALS = {
+    {"1-1.2", "NW410A00017"}, {"1-1.3", "FPS2-88231"}, {"1-1.4", "CO7A01X9"}};
 
-// The serial numbers of examples/devices.ini, where sysfs keeps them.
-inline const std::map<std::string, std::string> &example_serials() {
-    static const std::map<std::string, std::string> serials = {
-        {"1-1.2", "NW410A00017"}, {"1-1.3", "FPS2-88231"}, {"1-1.4", "CO7A01X9"}};
-    return serials;
-}
+// A test bed of `boxes` box namespaces (root): start_daemons() starts the
+// daemons with the simulated driver, dypctl runs in a namespace of choice.
+class dypctl_bed_test : public ::testing::Test {
+  protected:
+    explicit dypctl_bed_test(int boxes) : bed(boxes) {}
+    void SetUp() override {
+        DYP_REQUIRE_ROOT();
+        ASSERT_TRUE(bed.ready());
+        start_daemons();
+    }
+    virtual void start_daemons() = 0;
 
-inline void write_text_file(const std::string &path, const std::string &text) {
-    std::ofstream(path) << text;
-}
+    // Starts dypd in box `box` with the configuration `conf`, the device
+    // file `devices`, a sysfs serial file for each of `serials` and `env`
+    // added to its environment.
+    void start_daemon(int box, const std::string &conf, const std::string &devices,
+                      const std::map<std::string, std::string> &serials = EXAMPLE_SERIALS,
+                      const std::string &env = "") {
+        const std::string path = bed.dir() + "/dypd" + std::to_string(++daemons);
+        std::ofstream(path + ".conf") << conf;
+        std::ofstream(path + ".ini") << devices;
+        std::string script =
+            sim_testbed::daemon_script(path + ".conf", "DYPSIM_DEVICES=" + path + ".ini " + env);
+        std::string files;
+        for (const auto &[dir, serial] : serials)
+            files += " && mkdir -p /sys/bus/usb/devices/" + dir + " && echo " + serial +
+                     " > /sys/bus/usb/devices/" + dir + "/serial";
+        ASSERT_TRUE(bed.start(script.insert(script.find(" && exec env"), files), {19540}, box))
+            << bed.output(box);
+    }
+
+    dypctl_result in_ns(const test_netns &ns, const std::string &args) {
+        return run_dypctl(args, "ip netns exec " + ns.name() + " ");
+    }
+    dypctl_result in_host(const std::string &args) { return in_ns(bed.host(), args); }
+
+    sim_testbed bed;
+    const std::string examples = read_text_file(DYPTEST_SOURCE_DIR "/examples/devices.ini");
+    int daemons = 0;
+};
