@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Records a session in which dypctl runs every command against dypd with
 # the simulated driver, as seen on the host's link. The dissector's test
-# (tests/e2e/wireshark_dissector_test.cpp) reads such a capture together
+# (tests/wireshark/dissector_test.cpp) reads such a capture together
 # with what dypctl reported; docs/example.pcapng is the same capture, kept
 # for users of tools/wireshark/dyp.lua.
 #
