@@ -53,6 +53,11 @@ fi
 dypd=$build/dypd
 dypctl=$build/tools/dypctl/dypctl
 preload=$(find "$build/sim" -name 'libdypsim_preload*.so' | head -n1)
+# A build for another ISA (scripts/cross.sh) runs its programs under
+# qemu-user through tests/run-on-target: dypctl through a wrapper, dypd
+# through scripts/sim-box.sh.
+emulator=
+[ -x "$build/tests/run-on-target" ] && emulator=$build/tests/run-on-target
 
 tag=$$
 box_ns=dypcap-box$tag
@@ -62,6 +67,11 @@ host_ip=192.0.2.20
 work=$(mktemp -d /tmp/dypcap.XXXXXX)
 results=${out:-$work/out}
 mkdir -p "$results"
+if [ -n "$emulator" ]; then
+    printf '#!/bin/sh\nexec "%s" "%s" "$@"\n' "$emulator" "$dypctl" >"$work/dypctl"
+    chmod +x "$work/dypctl"
+    dypctl=$work/dypctl
+fi
 daemon_pid=
 capture_pid=
 
@@ -150,7 +160,7 @@ ds_port=19540
 EOF
 
 DYPSIM_PRELOAD=$preload DYPSIM_DEVICES=$devices DYPSIM_LOG=$results/dypsim.log \
-    DYPD=$dypd DYPD_CONF=$work/dypd.conf \
+    DYPD=$dypd DYPD_CONF=$work/dypd.conf DYPD_EMULATOR=$emulator \
     ip netns exec "$box_ns" unshare -m --propagation private sh "$root/scripts/sim-box.sh" \
     >"$results/dypd.log" 2>&1 &
 daemon_pid=$!
