@@ -222,7 +222,8 @@ TEST(DypctlLoopback, KeepaliveReportsAMissedEchoAndGoesOn) {
     fake_box echo(
         [](const fake_box::packet &req, int) { return std::vector<fake_box::packet>{req}; });
     auto endless = run_dypctl("keepalive " + echo.host() + " scanner1 --count 0 --interval 0.05",
-                              "timeout --foreground --preserve-status -s INT 0.6 ");
+                              "timeout --foreground --preserve-status -s INT " +
+                                  std::to_string(0.6 + START_ALLOWANCE_S) + " ");
     expect_run(endless, 0, {"keep-alive 3 to"});
 }
 
