@@ -89,7 +89,8 @@ class DypctlInventoryTest : public ::testing::Test {
 };
 
 TEST_F(DypctlInventoryTest, ListsEveryDeviceOfEveryBoxAndTheSilentBoxWithItsError) {
-    auto run = in_host("inventory --json --timeout 0.5 --retries 1 --parallel 4");
+    auto run =
+        in_host("inventory --json --timeout " + MANY_BOXES_TIMEOUT + " --retries 1 --parallel 4");
     EXPECT_EQ(run.status, 3) << "a box without its list makes the run incomplete";
     auto doc = parsed_json(run);
     ASSERT_EQ(doc["boxes"].size(), size_t(DAEMONS + 1)) << doc;
@@ -119,7 +120,7 @@ TEST_F(DypctlInventoryTest, ListsEveryDeviceOfEveryBoxAndTheSilentBoxWithItsErro
     EXPECT_EQ(names.size(), size_t(DAEMONS + 1));
 
     // The table says the same, one line per device and one for the error.
-    auto table = in_host("inventory --timeout 0.5 --retries 0");
+    auto table = in_host("inventory --timeout " + MANY_BOXES_TIMEOUT + " --retries 0");
     expect_run(table, 3,
                {"box9", "192.0.2.19", "scanner3", "3c41:7a01", "CO7A01X9", "F114", "mute",
                 "192.0.2.21      error: no answer"});
