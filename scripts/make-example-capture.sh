@@ -95,6 +95,9 @@ for ns in "$box_ns" "$host_ns"; do
 done
 ip -n "$box_ns" link set box0 up
 ip -n "$host_ns" link set host0 up
+# Wireshark takes UDP to ports 33434-33534 for traceroute and flags it;
+# dypctl's ports are drawn from above that range.
+ip netns exec "$host_ns" sysctl -qw net.ipv4.ip_local_port_range="40000 60999"
 
 # The example devices, and five more, so that both device lists need more
 # than one 512-byte window. scanner4 shows the edges: a description longer
