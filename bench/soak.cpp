@@ -90,10 +90,17 @@ pid_t start_daemon(const std::string &conf) {
     int null = open("/dev/null", O_RDWR);
     (void)dup2(null, STDOUT_FILENO);
     (void)dup2(null, STDERR_FILENO);
-    setenv("LD_PRELOAD", DYPSIM_PRELOAD, 1);
     setenv("DYPSIM_DEVICES", DYPSIM_DEVICES, 1);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+#ifdef DYPD_LAUNCHER
+    // Under qemu-user: the launcher preloads the simulator into the guest.
+    setenv("DYPTEST_TARGET_PRELOAD", DYPSIM_PRELOAD, 1);
+    execl(DYPD_LAUNCHER, DYPD_LAUNCHER, DYPD_BINARY, "-d", "-f", conf.c_str(),
+          static_cast<char *>(nullptr));
+#else
+    setenv("LD_PRELOAD", DYPSIM_PRELOAD, 1);
     execl(DYPD_BINARY, "dypd", "-d", "-f", conf.c_str(), static_cast<char *>(nullptr));
+#endif
     _exit(127);
 }
 

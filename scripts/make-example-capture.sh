@@ -53,6 +53,11 @@ fi
 dypd=$build/dypd
 dypctl=$build/tools/dypctl/dypctl
 preload=$(find "$build/sim" -name 'libdypsim_preload*.so' | head -n1)
+# A build for another ISA (scripts/cross.sh) runs its programs under
+# qemu-user through tests/run-on-target: dypctl through a wrapper, dypd
+# through scripts/sim-box.sh.
+emulator=
+[ -x "$build/tests/run-on-target" ] && emulator=$build/tests/run-on-target
 
 tag=$$
 box_ns=dypcap-box$tag
@@ -62,6 +67,11 @@ host_ip=192.0.2.20
 work=$(mktemp -d /tmp/dypcap.XXXXXX)
 results=${out:-$work/out}
 mkdir -p "$results"
+if [ -n "$emulator" ]; then
+    printf '#!/bin/sh\nexec "%s" "%s" "$@"\n' "$emulator" "$dypctl" >"$work/dypctl"
+    chmod +x "$work/dypctl"
+    dypctl=$work/dypctl
+fi
 daemon_pid=
 capture_pid=
 
@@ -85,6 +95,9 @@ for ns in "$box_ns" "$host_ns"; do
 done
 ip -n "$box_ns" link set box0 up
 ip -n "$host_ns" link set host0 up
+# Wireshark takes UDP to ports 33434-33534 for traceroute and flags it;
+# dypctl's ports are drawn from above that range.
+ip netns exec "$host_ns" sysctl -qw net.ipv4.ip_local_port_range="40000 60999"
 
 # The example devices, and five more, so that both device lists need more
 # than one 512-byte window. scanner4 shows the edges: a description longer
@@ -150,7 +163,7 @@ ds_port=19540
 EOF
 
 DYPSIM_PRELOAD=$preload DYPSIM_DEVICES=$devices DYPSIM_LOG=$results/dypsim.log \
-    DYPD=$dypd DYPD_CONF=$work/dypd.conf \
+    DYPD=$dypd DYPD_CONF=$work/dypd.conf DYPD_EMULATOR=$emulator \
     ip netns exec "$box_ns" unshare -m --propagation private sh "$root/scripts/sim-box.sh" \
     >"$results/dypd.log" 2>&1 &
 daemon_pid=$!

@@ -7,7 +7,8 @@
 #
 # Environment: DYPD (the daemon), DYPD_CONF (its configuration file),
 # DYPSIM_PRELOAD (the simulator library), DYPSIM_DEVICES (the device file);
-# DYPSIM_LOG passes through to the simulator.
+# DYPSIM_LOG passes through to the simulator; DYPD_EMULATOR, when set, is
+# the program that runs a daemon built for another ISA.
 #
 # A location names its sysfs device by the bus character, '-', then the
 # port path joined by '.', up to an 'M' (H112 is 1-1.2, S2M is 2); the class
@@ -35,5 +36,10 @@ if mount -t tmpfs tmpfs /sys/bus 2>/dev/null; then
         mkdir -p "/sys/bus/usb/devices/$dir"
         printf '%s\n' "$serial" >"/sys/bus/usb/devices/$dir/serial"
     done
+fi
+if [ -n "${DYPD_EMULATOR:-}" ]; then
+    # A daemon built for another ISA runs under qemu-user through the build's
+    # tests/run-on-target, which hands the simulator to the guest.
+    exec env DYPTEST_TARGET_PRELOAD="$DYPSIM_PRELOAD" "$DYPD_EMULATOR" "$DYPD" -d -f "$DYPD_CONF"
 fi
 exec env LD_PRELOAD="$DYPSIM_PRELOAD" "$DYPD" -d -f "$DYPD_CONF"

@@ -286,7 +286,8 @@ class DypctlInventoryTest : public dypctl_bed_test {
 };
 
 TEST_F(DypctlInventoryTest, ListsEveryDeviceOfEveryBoxAndTheSilentBoxWithItsError) {
-    auto run = in_host("inventory --json --timeout 0.5 --retries 1 --parallel 4");
+    auto run = in_host("inventory --json --timeout " + MANY_BOXES_TIMEOUT +
+                       " --retries 1 --parallel 4");
     EXPECT_EQ(run.status, 3) << "a box without its list makes the run incomplete";
     auto doc = parsed_json(run);
     ASSERT_EQ(doc["boxes"].size(), size_t(DAEMONS + 1)) << doc;
@@ -312,7 +313,7 @@ TEST_F(DypctlInventoryTest, ListsEveryDeviceOfEveryBoxAndTheSilentBoxWithItsErro
     EXPECT_EQ(mute, 1);
 
     // The table says the same, one line per device and one for the error.
-    expect_run(in_host("inventory --timeout 0.5 --retries 0"), 3,
+    expect_run(in_host("inventory --timeout " + MANY_BOXES_TIMEOUT + " --retries 0"), 3,
                {"box9", "192.0.2.19", "scanner3", "3c41:7a01", "CO7A01X9", "F114", "mute",
                 "192.0.2.21      error: no answer"});
 }
@@ -406,7 +407,8 @@ TEST(DypctlLoopback, KeepaliveReportsAMissedEchoAndGoesOn) {
     // well, and the second SIGINT rightly ends dypctl at once (status 130).
     fake_box echo([](const fake_box::packet &req, int) { return packets{req}; });
     expect_run(run_dypctl("keepalive " + echo.host() + " scanner1 --count 0 --interval 0.05",
-                          "timeout --foreground --preserve-status -s INT 0.6 "),
+                          "timeout --foreground --preserve-status -s INT " +
+                              std::to_string(0.6 + START_ALLOWANCE_S) + " "),
                0, {"keep-alive 3 to"});
 }
 

@@ -28,6 +28,15 @@ inline dypctl_result run_dypctl(const std::string &args, const std::string &pref
     return {end == std::string::npos ? -1 : std::atoi(out.c_str() + end + 1), out.substr(0, end)};
 }
 
+// Seconds a target program may need before it takes its first signal:
+// under qemu-user (a build for another ISA) the emulator loads and
+// translates it first, which takes seconds on a busy machine.
+constexpr double START_ALLOWANCE_S = sizeof(DYPTEST_EMULATOR) > 1 ? 3.0 : 0.0;
+// dypctl's --timeout where many daemons of the test bed must answer in
+// time: under qemu-user ten emulated daemons on a busy machine can take
+// longer than half a second for discovery.
+const std::string MANY_BOXES_TIMEOUT = sizeof(DYPTEST_EMULATOR) > 1 ? "2" : "0.5";
+
 inline void expect_run(const dypctl_result &r, int status,
                        std::initializer_list<std::string> parts) {
     EXPECT_EQ(r.status, status) << r.out;
