@@ -25,6 +25,22 @@ char *copy_text(const char *text, size_t length) {
     return copy;
 }
 
+// A piece of a configuration line.
+struct text_line {
+    const char *start;
+    size_t length;
+};
+
+// The key of the pair line starting at `line`: the text before its '=' at
+// `equals` without surrounding blanks and tabs.
+text_line pair_key(const char *line, const char *equals) {
+    const char *start = line + std::strspn(line, blanks);
+    const char *end = equals;
+    while (end > start && (end[-1] == ' ' || end[-1] == '\t'))
+        --end;
+    return {start, static_cast<size_t>(end - start)};
+}
+
 // The name inside a section header line ("[name]..."), cut at the first
 // ']' in place; null when the line is no header.
 char *section_name(char *line) {
@@ -37,13 +53,17 @@ char *section_name(char *line) {
     return line + 1;
 }
 
-// Opens a configuration file for reading within the reader's bound: a
-// file that cannot be opened gives -EIO; -EFBIG and -ENOMEM as they come.
+// What the readers report for a configuration file that could not be
+// read: -EIO when it cannot be opened or read; -EFBIG and -ENOMEM as they
+// come.
+int read_failure(int result) {
+    return result == -EFBIG || result == -ENOMEM ? result : -EIO;
+}
+
+// Opens a configuration file for reading within the reader's bound.
 int open_for_reading(const char *path, FILE **stream) {
     int result = tq_open_config(path, stream);
-    if (result == -EFBIG || result == -ENOMEM)
-        return result;
-    return result < 0 ? -EIO : 0;
+    return result < 0 ? read_failure(result) : 0;
 }
 
 // Hands every line of `stream` to `visit`, which returns a positive value
@@ -118,12 +138,9 @@ int tq_cfg_split_line(const char *text, tq_cfg_pair **pair_out) {
     auto *pair = static_cast<tq_cfg_pair *>(dyp_calloc(1, sizeof(tq_cfg_pair)));
     if (pair == nullptr)
         return -ENOMEM;
-    const char *key = text + std::strspn(text, blanks);
-    const char *key_end = equals;
-    while (key_end > key && (key_end[-1] == ' ' || key_end[-1] == '\t'))
-        --key_end;
+    text_line key = pair_key(text, equals);
     const char *value = equals + 1;
-    pair->key = copy_text(key, static_cast<size_t>(key_end - key));
+    pair->key = copy_text(key.start, key.length);
     pair->value = copy_text(value, std::strcspn(value, "\r\n"));
     if (pair->key == nullptr || pair->value == nullptr) {
         tq_cfg_free_pair(pair);
@@ -149,35 +166,91 @@ int tq_cfg_seek_section(FILE *stream, const char *section) {
     }
 }
 
+namespace {
+bool ends_line(char c) {
+    return c == '\n' || c == '\r' || c == '\0';
+}
+
+// The next non-empty line from `*cursor` on, split as tq_getline splits a
+// stream; false at `end`.
+bool next_line(const char **cursor, const char *end, text_line *line) {
+    const char *start = *cursor;
+    while (start < end && ends_line(*start))
+        ++start;
+    const char *stop = start;
+    while (stop < end && !ends_line(*stop))
+        ++stop;
+    *cursor = stop;
+    *line = {start, static_cast<size_t>(stop - start)};
+    return stop != start;
+}
+
+// Whether `length` bytes at `text`, which hold no NUL, are exactly `name`.
+bool same_text(const char *text, size_t length, const char *name) {
+    return std::strncmp(text, name, length) == 0 && name[length] == '\0';
+}
+
+// Whether `line` is a section header: then its name is in `*name`.
+bool header_name(const text_line &line, text_line *name) {
+    if (line.start[0] != '[')
+        return false;
+    const auto *close = static_cast<const char *>(std::memchr(line.start, ']', line.length));
+    if (close == nullptr)
+        return false;
+    *name = {line.start + 1, static_cast<size_t>(close - line.start - 1)};
+    return true;
+}
+
+// Whether `line` is a pair whose key, split and trimmed as by
+// tq_cfg_split_line, is `key`: then its value is in `*value`.
+bool pair_value(const text_line &line, const char *key, text_line *value) {
+    const auto *equals = static_cast<const char *>(std::memchr(line.start, '=', line.length));
+    if (equals == nullptr || equals == line.start)
+        return false;
+    text_line line_key = pair_key(line.start, equals);
+    if (!same_text(line_key.start, line_key.length, key))
+        return false;
+    *value = {equals + 1, static_cast<size_t>(line.start + line.length - equals - 1)};
+    return true;
+}
+
+// The first value of `key` in `section` of the file's text.
+int find_value(const char *text, size_t size, const char *section, const char *key,
+               char **value_out) {
+    const char *cursor = text;
+    bool in_section = section == nullptr || section[0] == '\0';
+    text_line line{}, found{};
+    while (next_line(&cursor, text + size, &line)) {
+        bool header = header_name(line, &found);
+        if (!in_section) {
+            in_section = header && same_text(found.start, found.length, section);
+            continue;
+        }
+        if (header)
+            break;
+        if (pair_value(line, key, &found)) {
+            *value_out = copy_text(found.start, found.length);
+            return *value_out != nullptr ? 0 : -ENOMEM;
+        }
+    }
+    return -ENOENT;
+}
+} // namespace
+
+// The daemon's lookup: it works on the file's copy directly, without a
+// stream, and keeps the same syntax as the stream readers.
 int tq_cfg_get_ini_string(const char *path, const char *section, const char *key,
                           char **value_out) {
     if (path == nullptr || key == nullptr || value_out == nullptr)
         return -EINVAL;
-    FILE *stream = nullptr;
-    int result = open_for_reading(path, &stream);
-    tq_stream file(stream);
+    char *text = nullptr;
+    size_t size = 0;
+    int result = tq_read_config(path, &text, &size);
     if (result < 0)
-        return result;
-    result = tq_cfg_seek_section(file.get(), section);
-    if (result < 0)
-        return result;
-    char *found = nullptr;
-    result = read_section_pairs(file.get(), [&](tq_cfg_pair *pair) {
-        bool match = std::strcmp(pair->key, key) == 0;
-        if (match) {
-            // The first occurrence wins: keep its value and stop.
-            found = pair->value;
-            pair->value = nullptr;
-        }
-        tq_cfg_free_pair(pair);
-        return match ? 0 : 1;
-    });
-    if (result < 0)
-        return result;
-    if (found == nullptr)
-        return -ENOENT;
-    *value_out = found;
-    return 0;
+        return read_failure(result);
+    result = find_value(text, size, section, key, value_out);
+    dyp_free(text);
+    return result;
 }
 
 void tq_cfg_release_string(char *value) {

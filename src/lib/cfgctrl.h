@@ -9,7 +9,7 @@
 // there is no comment syntax. Pairs before the first header belong to the
 // unnamed section, which a null or empty section name selects.
 //
-// Every function reads its file through tq_open_config: a file that is not
+// Every function reads its file through tq_read_config: a file that is not
 // a regular file of at most TQ_CONFIG_MAX_SIZE (64 KiB) is refused with
 // -EFBIG before anything of it is read.
 #pragma once

@@ -55,8 +55,8 @@ int close_copy(void *cookie) {
 }
 
 // Reads at most the size that `fd` has now, and only from a regular file
-// within the bound.
-int read_bounded(int fd, config_copy *copy) {
+// within the bound; the block is the caller's also on failure.
+int read_bounded(int fd, char **data, size_t *size) {
     struct stat status {};
     if (fstat(fd, &status) < 0)
         return neg_errno();
@@ -64,36 +64,51 @@ int read_bounded(int fd, config_copy *copy) {
         static_cast<uint64_t>(status.st_size) > TQ_CONFIG_MAX_SIZE)
         return -EFBIG;
     auto capacity = static_cast<size_t>(status.st_size);
-    copy->data = static_cast<char *>(dyp_malloc(capacity));
-    if (copy->data == nullptr)
+    *data = static_cast<char *>(dyp_malloc(capacity));
+    if (*data == nullptr)
         return -ENOMEM;
-    while (copy->size < capacity) {
-        ssize_t got = read(fd, copy->data + copy->size, capacity - copy->size);
+    while (*size < capacity) {
+        ssize_t got = read(fd, *data + *size, capacity - *size);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)
             return neg_errno();
         if (got == 0)
             break; // the file shrank meanwhile
-        copy->size += static_cast<size_t>(got);
+        *size += static_cast<size_t>(got);
     }
     return 0;
 }
 } // namespace
 
-int tq_open_config(const char *path, FILE **stream_out) {
-    if (path == nullptr || stream_out == nullptr)
+int tq_read_config(const char *path, char **data_out, size_t *size_out) {
+    if (path == nullptr || data_out == nullptr || size_out == nullptr)
         return -EINVAL;
     // Without O_NONBLOCK, opening a FIFO would wait for a writer.
     unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd.valid())
         return neg_errno();
+    char *data = nullptr;
+    size_t size = 0;
+    int result = read_bounded(fd.get(), &data, &size);
+    if (result < 0) {
+        dyp_free(data);
+        return result;
+    }
+    *data_out = data;
+    *size_out = size;
+    return 0;
+}
+
+int tq_open_config(const char *path, FILE **stream_out) {
+    if (path == nullptr || stream_out == nullptr)
+        return -EINVAL;
     auto *copy = static_cast<config_copy *>(dyp_calloc(1, sizeof(config_copy)));
     if (copy == nullptr)
         return -ENOMEM;
-    int result = read_bounded(fd.get(), copy);
+    int result = tq_read_config(path, &copy->data, &copy->size);
     if (result < 0) {
-        (void)close_copy(copy);
+        dyp_free(copy);
         return result;
     }
     FILE *stream = fopencookie(copy, "r", {read_copy, nullptr, nullptr, close_copy});

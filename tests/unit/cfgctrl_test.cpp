@@ -56,6 +56,7 @@ TEST_F(CfgFile, GetIniStringFollowsTheFileSyntax) {
         {nullptr, "#hostname", "x"},   {nullptr, "k", "first"},  {nullptr, "only", "-2"},
         {"abc", "k", "exact"},         {" abc ", "k", "spaced"}, {"Abc", "k", "-2"},
         {"abc", "last", "-2"},         {"next", "last", "end"},  {"none", "k", "-2"},
+        {"abcd", "k", "-2"},           {nullptr, "kk", "-2"},    {nullptr, "", "-2"},
     };
     for (const auto &c : cases)
         EXPECT_EQ(value(c.section, c.key), c.value) << (c.section ? c.section : "-") << c.key;
