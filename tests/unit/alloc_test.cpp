@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+
 TEST(AllocFailure, TheNthAllocationFailsOnceOrUntilDisarmedWhenSticky) {
     void *block = dyp_malloc(0);
     ASSERT_NE(block, nullptr) << "zero bytes still give a block";
@@ -30,4 +33,18 @@ TEST(AllocFailure, LiveBlocksCountWhatIsHeldNotWhatWasAskedFor) {
     dyp_free(grown);
     dyp_free(zeroed);
     EXPECT_EQ(dyp_alloc_live(), before);
+}
+
+TEST(AllocCalloc, ZeroesAReusedBlockAndRefusesAnOverflowingSize) {
+    // A freed block of the same size is normally handed out again, so its
+    // old bytes show through unless calloc clears them.
+    auto *dirty = static_cast<unsigned char *>(dyp_malloc(48));
+    ASSERT_NE(dirty, nullptr);
+    std::fill_n(dirty, 48, 0xA5);
+    dyp_free(dirty);
+    auto *zeroed = static_cast<unsigned char *>(dyp_calloc(6, 8));
+    ASSERT_NE(zeroed, nullptr);
+    EXPECT_TRUE(std::all_of(zeroed, zeroed + 48, [](unsigned char c) { return c == 0; }));
+    dyp_free(zeroed);
+    EXPECT_EQ(dyp_calloc(SIZE_MAX / 4 + 1, 8), nullptr) << "the product wraps to 0";
 }
