@@ -100,13 +100,16 @@ int parse_options(int argc, char **argv, dypd_settings *settings) {
 }
 
 void print_settings(const dypd_settings *settings, FILE *stream) {
-    fprintf(stream, "%s\n", SETTINGS_RULE);
-    fprintf(stream, "Config File Path   = %s\n",
-            settings->config_path != nullptr ? settings->config_path : "");
-    fprintf(stream, "Product            = %s\n", settings->identity.product_name);
-    fprintf(stream, "Host Name          = %s\n", settings->identity.host_name);
-    fprintf(stream, "Bind Interface     = %s\n", settings->bind_interfaces);
-    fprintf(stream, "UDP Ports          = %d\n", settings->port_count);
+    fprintf(stream,
+            "%s\n"
+            "Config File Path   = %s\n"
+            "Product            = %s\n"
+            "Host Name          = %s\n"
+            "Bind Interface     = %s\n"
+            "UDP Ports          = %d\n",
+            SETTINGS_RULE, settings->config_path != nullptr ? settings->config_path : "",
+            settings->identity.product_name, settings->identity.host_name,
+            settings->bind_interfaces, settings->port_count);
     for (int32_t i = 0; i < settings->port_count; ++i)
         fprintf(stream, "   (%2d)UDP Port    = %d\n", i + 1, settings->ports[i]);
     fprintf(stream, "%s\n", SETTINGS_RULE);
@@ -181,7 +184,7 @@ int run_daemon(dypd_settings *settings) {
     if (loaded == -EFBIG) {
         fprintf(stderr, dypd_config_refused, settings->config_path,
                 static_cast<unsigned>(TQ_CONFIG_MAX_SIZE));
-        fputc('\n', stderr);
+        fprintf(stderr, "\n");
     }
     if (loaded < 0 || settings->identity.host_name[0] == '\0') {
         fprintf(stderr, "Detected invalid configuration\n");
