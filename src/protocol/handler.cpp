@@ -183,76 +183,68 @@ uint16_t acknowledged_offset(const request_fields &f) {
     return static_cast<uint16_t>(f.offset + f.length);
 }
 
+bool more_to_read(const request_context &ctx) {
+    return static_cast<uint32_t>(ctx.fields.offset) + ctx.fields.length <
+           ctx.endpoint->session.length;
+}
+
+// END closes the session in every mode: an upload is handed to its command
+// first, and a read tells whether the host left part of the result unread.
+outcome respond_end(request_context &ctx, int32_t mode) {
+    uint16_t status = 0;
+    if (mode == DYPD_XFER_READ)
+        status = more_to_read(ctx) ? 1 : 0;
+    if (mode == DYPD_XFER_WRITE)
+        run_upload_command(ctx);
+    put_response(ctx, status, 0, 0, 0);
+    dypd_session_leave(&ctx.endpoint->session);
+    return outcome::reply;
+}
+
 outcome respond_read(request_context &ctx) {
     const request_fields &f = ctx.fields;
-    uint32_t total = ctx.endpoint->session.length;
-    bool more = static_cast<uint32_t>(f.offset) + f.length < total;
-    if (f.type == DYP_TYPE_END) {
-        put_response(ctx, more ? 1 : 0, 0, 0, 0);
-        dypd_session_leave(&ctx.endpoint->session);
-        return outcome::reply;
-    }
-    if (more) {
+    if (more_to_read(ctx)) {
         put_response(ctx, 1, f.offset, f.length, f.length);
         return outcome::reply;
     }
     // An offset beyond the result wraps the length field; the datagram
     // itself carries no more than the window copied for this request, so it
     // never reaches past the transmit buffer nor repeats stale bytes.
-    uint16_t rest = window_rest(total, f.offset);
+    uint16_t rest = window_rest(ctx.endpoint->session.length, f.offset);
     put_response(ctx, 0, f.offset, rest, std::min<uint32_t>(rest, f.length));
     return outcome::reply;
 }
 
-outcome respond_write(request_context &ctx) {
-    if (ctx.fields.type == DYP_TYPE_END) {
-        run_upload_command(ctx);
-        put_response(ctx, 0, 0, 0, 0);
-        dypd_session_leave(&ctx.endpoint->session);
-        return outcome::reply;
+// The START of an exec command runs it and answers with its result.
+outcome respond_exec_start(request_context &ctx) {
+    int32_t result = run_command(ctx);
+    if (result < 0)
+        return outcome::abandon;
+    // The transmit buffer holds one window: a longer result is cut to it.
+    uint32_t n = std::min<uint32_t>(static_cast<uint16_t>(result), DYP_WINDOW_MAX);
+    int err = dypd_session_get_data(&ctx.endpoint->session,
+                                    ctx.endpoint->send_buffer + DYP_RSP_DATA, n, 0);
+    if (err < 0) {
+        dyp_log(LOG_ERR, "an error occurred while getting an session data, err %d", err);
+        return outcome::abandon;
     }
-    put_response(ctx, 0, acknowledged_offset(ctx.fields), ctx.fields.length, 0);
+    put_response(ctx, 0, 0, static_cast<uint16_t>(n), n);
     return outcome::reply;
 }
 
-outcome respond_exec(request_context &ctx) {
-    dypd_session *session = &ctx.endpoint->session;
-    switch (ctx.fields.type) {
-    case DYP_TYPE_START: {
-        int32_t result = run_command(ctx);
-        if (result < 0)
-            return outcome::abandon;
-        // The transmit buffer holds one window: a longer result is cut to it.
-        uint32_t n = std::min<uint32_t>(static_cast<uint16_t>(result), DYP_WINDOW_MAX);
-        int err = dypd_session_get_data(session, ctx.endpoint->send_buffer + DYP_RSP_DATA, n, 0);
-        if (err < 0) {
-            dyp_log(LOG_ERR, "an error occurred while getting an session data, err %d", err);
-            return outcome::abandon;
-        }
-        put_response(ctx, 0, 0, static_cast<uint16_t>(n), n);
-        return outcome::reply;
-    }
-    case DYP_TYPE_END:
-        put_response(ctx, 0, 0, 0, 0);
-        dypd_session_leave(session);
-        return outcome::reply;
-    default:
-        put_response(ctx, 0, acknowledged_offset(ctx.fields), ctx.fields.length, 0);
-        return outcome::reply;
-    }
-}
-
 outcome build_response(request_context &ctx) {
-    switch (ctx.endpoint->session.command->mode) {
-    case DYPD_XFER_READ:
-        return respond_read(ctx);
-    case DYPD_XFER_WRITE:
-        return respond_write(ctx);
-    case DYPD_XFER_EXEC:
-        return respond_exec(ctx);
-    default:
+    int32_t mode = ctx.endpoint->session.command->mode;
+    if (mode != DYPD_XFER_READ && mode != DYPD_XFER_WRITE && mode != DYPD_XFER_EXEC)
         return outcome::abandon;
-    }
+    if (ctx.fields.type == DYP_TYPE_END)
+        return respond_end(ctx, mode);
+    if (mode == DYPD_XFER_READ)
+        return respond_read(ctx);
+    if (mode == DYPD_XFER_EXEC && ctx.fields.type == DYP_TYPE_START)
+        return respond_exec_start(ctx);
+    // Any other window of an upload or an exec is acknowledged.
+    put_response(ctx, 0, acknowledged_offset(ctx.fields), ctx.fields.length, 0);
+    return outcome::reply;
 }
 
 // START opens the session and then counts as the first DATA packet; END
