@@ -127,11 +127,11 @@ int dypd_udp_recvfrom(dypd_endpoint_header *endpoint, void *buffer, size_t lengt
     // the datagram goes.
     uint8_t scratch = 0;
     alignas(cmsghdr) uint8_t control[CONTROL_BUFFER_SIZE];
-    iovec scratch_vector{&scratch, sizeof scratch};
+    iovec vector{&scratch, sizeof scratch};
     msghdr message{};
     message.msg_name = peer;
     message.msg_namelen = sizeof *peer;
-    message.msg_iov = &scratch_vector;
+    message.msg_iov = &vector;
     message.msg_iovlen = 1;
     message.msg_control = control;
     message.msg_controllen = sizeof control;
@@ -144,12 +144,11 @@ int dypd_udp_recvfrom(dypd_endpoint_header *endpoint, void *buffer, size_t lengt
 
     // Then the real read: a refused datagram is consumed into the scratch
     // byte so that it never blocks the socket.
-    iovec data_vector{verdict == 0 ? buffer : &scratch, verdict == 0 ? length : sizeof scratch};
-    message = msghdr{};
-    message.msg_name = peer;
+    if (verdict == 0)
+        vector = {buffer, length};
     message.msg_namelen = sizeof *peer;
-    message.msg_iov = &data_vector;
-    message.msg_iovlen = 1;
+    message.msg_control = nullptr;
+    message.msg_controllen = 0;
     ssize_t received = recvmsg(endpoint->fd, &message, flags);
     if (received < 0)
         return neg_errno();
