@@ -33,7 +33,8 @@ bool write_field(tqbuffer *out, const void *data, uint32_t length) {
     return tqbuffer_write(out, data, length) >= 0;
 }
 
-bool write_be16(tqbuffer *out, uint16_t value) {
+// Inlined into the entry writer, whose frame is guarded anyway.
+[[gnu::always_inline]] inline bool write_be16(tqbuffer *out, uint16_t value) {
     uint8_t bytes[2];
     put_be16(bytes, value);
     return write_field(out, bytes, sizeof bytes);
