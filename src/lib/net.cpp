@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <net/if.h>
@@ -43,19 +44,27 @@ int query_interface(const char *ifname, unsigned long command, ifreq &request) {
     return result < 0 ? result : 0;
 }
 
-// Asks for an AF_INET address of `ifname` and copies it into `out`.
-int query_ipv4(const char *ifname, unsigned long command, uint8_t *out) {
-    if (out == nullptr)
-        return -EINVAL;
+// Asks `command` about `ifname` and copies `length` bytes of the answer's
+// address, from `offset` on, into `out`. The address requests carry an
+// AF_INET family; the reply is copied out here, so that the callers keep no
+// request of their own.
+int query_address_bytes(const char *ifname, unsigned long command, size_t offset, uint8_t *out,
+                        size_t length) {
     ifreq request{};
     request.ifr_addr.sa_family = AF_INET;
     int result = query_interface(ifname, command, request);
     if (result < 0)
         return result;
-    sockaddr_in address{};
-    std::memcpy(&address, &request.ifr_addr, sizeof address);
-    std::memcpy(out, &address.sin_addr.s_addr, ipv4_length);
+    std::memcpy(out, reinterpret_cast<const uint8_t *>(&request.ifr_addr) + offset, length);
     return 0;
+}
+
+// Asks for an AF_INET address of `ifname` and copies it into `out`.
+int query_ipv4(const char *ifname, unsigned long command, uint8_t *out) {
+    if (out == nullptr)
+        return -EINVAL;
+    return query_address_bytes(ifname, command, offsetof(sockaddr_in, sin_addr), out,
+                               ipv4_length);
 }
 
 bool is_hex_pair(const char *text) {
@@ -67,12 +76,9 @@ bool is_hex_pair(const char *text) {
 int tq_net_get_hwaddr(const char *ifname, uint8_t *out, size_t out_size) {
     if (out == nullptr || out_size < mac_length || out_size > 8)
         return -EINVAL;
-    ifreq request{};
-    int result = query_interface(ifname, SIOCGIFHWADDR, request);
-    if (result < 0)
-        return result;
-    std::memcpy(out, request.ifr_hwaddr.sa_data, mac_length);
-    return 0;
+    // The hardware address overlays the same socket address.
+    return query_address_bytes(ifname, SIOCGIFHWADDR, offsetof(sockaddr, sa_data), out,
+                               mac_length);
 }
 
 int tq_net_get_ip4addr(const char *ifname, uint8_t *out) {
