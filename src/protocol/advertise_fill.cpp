@@ -2,7 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <sys/utsname.h>
+#include <climits>
+#include <unistd.h>
 
 #include "lib/be.h"
 #include "lib/net.h"
@@ -32,8 +33,7 @@ void hide_foreign_link_local(uint8_t *address, const sockaddr_in *sender, const 
     // kept, since the request did reach this interface.
     if (tq_net_get_netmask(ifname, mask) < 0)
         return;
-    uint8_t requester[IPV4_SIZE];
-    memcpy(requester, &sender->sin_addr.s_addr, IPV4_SIZE);
+    const auto *requester = reinterpret_cast<const uint8_t *>(&sender->sin_addr.s_addr);
     for (uint32_t i = 0; i < IPV4_SIZE; ++i) {
         if (((address[i] ^ requester[i]) & mask[i]) != 0) {
             memset(address, 0, IPV4_SIZE);
@@ -79,7 +79,9 @@ void dypd_advertise_fill_host_name(uint8_t *reply) {
         put_text16(reply + DYP_ADV_HOST, configured);
         return;
     }
-    utsname node{};
-    if (uname(&node) == 0)
-        put_text16(reply + DYP_ADV_HOST, node.nodename);
+    // The node name, as uname reports it; gethostname is the call that
+    // start-up already makes, and its buffer is a sixth of a utsname.
+    char node_name[HOST_NAME_MAX + 1];
+    if (gethostname(node_name, sizeof node_name) == 0)
+        put_text16(reply + DYP_ADV_HOST, node_name);
 }

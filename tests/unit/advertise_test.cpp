@@ -4,6 +4,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <sys/utsname.h>
 
 #include "daemon/dypd_priv.h"
 #include "protocol/packet.h"
@@ -63,5 +64,13 @@ TEST_F(AdvertiseTest, ReplyDescribesTheReceivingInterfaceByteForByte) {
     EXPECT_EQ(bytes(&reply[66], &reply[70]), (bytes{169, 254, 10, 1}));
     ASSERT_EQ(ask("ve", "192.0.2.77"), 164);
     EXPECT_EQ(bytes(&reply[66], &reply[70]), (bytes{0, 0, 0, 0}));
+    // Without a configured host name, the node name cut to 15 and NUL-filled.
+    identity.host_name[0] = '\0';
+    ASSERT_EQ(ask("va", "192.0.2.77"), 164);
+    utsname node{};
+    ASSERT_EQ(uname(&node), 0);
+    bytes node_name(node.nodename, node.nodename + strnlen(node.nodename, 15));
+    node_name.resize(16, 0);
+    EXPECT_EQ(bytes(&reply[116], &reply[132]), node_name);
 }
 } // namespace
