@@ -28,8 +28,8 @@ void dypd_seed_random() {
     // The millisecond clock rather than time(): the same clock the handler
     // reads, finer, and one libc import less.
     auto seed = dypd_get_systime() ^ static_cast<unsigned>(getpid()) ^ kernel_random();
-    srand(seed);
-    // Some C libraries keep random()'s state apart from rand()'s; the
-    // delays are drawn with random(), so it is seeded too.
+    // The delays are drawn with random(), so its own generator is seeded:
+    // srand is the same call in glibc, but some C libraries keep rand()'s
+    // state apart, and nothing here draws from rand().
     srandom(seed);
 }
