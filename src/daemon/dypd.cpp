@@ -11,17 +11,17 @@
 #include "ds/ds.h"
 #include "lib/fd.h"
 #include "lib/log.h"
-#include "lib/text.h"
 #include "lib/process.h"
+#include "lib/text.h"
 #include "lib/tqstdio.h"
 #include "protocol/command.h"
+#include "protocol/identity.h"
 #include "protocol/reply_queue.h"
 
 namespace {
 
 constexpr char PROGRAM_NAME[] = "dypd";
 constexpr char PROGRAM_VERSION[] = "1.6.2";
-constexpr char PROTOCOL_VERSION[] = "Ver 2.2.0";
 constexpr char DEFAULT_CONFIG_PATH[] = "/etc/dypd.conf";
 constexpr char DEFAULT_PRODUCT_NAME[] = "TQ Mirel 70";
 constexpr int32_t DEFAULT_PRIMARY_PORT = 19540;
@@ -80,7 +80,8 @@ int parse_options(int argc, char **argv, dypd_settings *settings) {
             settings->debug = 1;
             break;
         case 'v':
-            printf("%s version %s (DYP %s)\n", PROGRAM_NAME, PROGRAM_VERSION, PROTOCOL_VERSION);
+            printf("%s version %s (DYP %s)\n", PROGRAM_NAME, PROGRAM_VERSION,
+                   DYPD_PROTOCOL_VERSION);
             return EXIT_STATUS_OK;
         case 'h':
             dypd_usage();
@@ -121,7 +122,7 @@ void open_system_log(const dypd_settings *settings) {
         options |= LOG_PERROR;
     openlog(PROGRAM_NAME, options, LOG_DAEMON);
     dyp_log(LOG_INFO, "%s version %s (DYP %s) started", PROGRAM_NAME, PROGRAM_VERSION,
-            PROTOCOL_VERSION);
+            DYPD_PROTOCOL_VERSION);
 }
 
 // dypd_signal_handler takes the signal number only; SA_SIGINFO asks for

@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr char PROTOCOL_VERSION[] = "Ver 2.2.0";
 constexpr uint16_t STATUS_KEEP = 0x7F7D;
 constexpr uint16_t STATUS_ALWAYS = 0x8082;
 constexpr uint16_t STATUS_PRESENT = 0x0001;
@@ -75,7 +74,7 @@ int32_t dypd_ds_process_advertise(const uint8_t *request, uint8_t *reply, uint32
     int err = dypd_advertise_fill_common(request, reply, capacity, sender, ifname);
     if (err < 0)
         return err;
-    memcpy(reply + DYP_ADV_VERSION, PROTOCOL_VERSION, sizeof PROTOCOL_VERSION);
+    memcpy(reply + DYP_ADV_VERSION, DYPD_PROTOCOL_VERSION, sizeof DYPD_PROTOCOL_VERSION);
 
     bool found = false;
     bool flagged = false;

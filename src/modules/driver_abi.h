@@ -14,7 +14,7 @@
 
 #include "ds/module.h"
 
-constexpr const char USBDS_CONTROL_PATH[] = "/proc/tquptp/driver";
+inline constexpr char USBDS_CONTROL_PATH[] = "/proc/tquptp/driver";
 constexpr size_t USBDS_NAME_SIZE = 16;
 constexpr size_t USBDS_ADDR_SIZE = 128;
 constexpr size_t USBDS_MAC_SIZE = 6;

@@ -5,6 +5,10 @@
 
 #include <cstdint>
 
+// The protocol version a box reports (in the -v and start-up lines and in
+// the device server's discovery reply), held once in the binary.
+inline constexpr char DYPD_PROTOCOL_VERSION[] = "Ver 2.2.0";
+
 struct dypd_identity {
     char product_name[16]; // NUL-terminated within the 16
     char host_name[16];    // NUL-terminated within the 16
