@@ -9,10 +9,12 @@
 #include "protocol/command.h"
 
 namespace {
-// Family, port and IPv4 address: the part of a socket address that names a
-// requester. The zero padding after it is not compared.
-constexpr size_t REQUESTER_KEY_SIZE = 8;
-static_assert(offsetof(sockaddr_in, sin_addr) + sizeof(in_addr) == REQUESTER_KEY_SIZE);
+// Family, port and IPv4 address name a requester; the zero padding after
+// them is not compared. Field by field: the daemon then needs no memcmp.
+bool same_requester(const sockaddr_in &a, const sockaddr_in &b) {
+    return a.sin_family == b.sin_family && a.sin_port == b.sin_port &&
+           a.sin_addr.s_addr == b.sin_addr.s_addr;
+}
 
 // A range [position, position + count) inside the buffer; the end may touch
 // the buffer's end exactly.
@@ -66,7 +68,7 @@ int dypd_session_equals(const dypd_session *session, const dypd_command *command
         return 0;
     if (std::strcmp(command->name, session->command->name) != 0)
         return 0;
-    return std::memcmp(address, session->requester, REQUESTER_KEY_SIZE) == 0 ? 1 : 0;
+    return same_requester(*address, *session->requester) ? 1 : 0;
 }
 
 uint8_t *dypd_session_get_buffer(dypd_session *session, uint32_t *capacity) {
