@@ -10,7 +10,7 @@
 
 namespace {
 // Family, port and IPv4 address name a requester; the zero padding after
-// them is not compared. Field by field: the daemon then needs no memcmp.
+// them is not compared. Field by field, without a call to memcmp.
 bool same_requester(const sockaddr_in &a, const sockaddr_in &b) {
     return a.sin_family == b.sin_family && a.sin_port == b.sin_port &&
            a.sin_addr.s_addr == b.sin_addr.s_addr;

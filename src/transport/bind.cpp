@@ -24,10 +24,14 @@ struct bind_list {
     int32_t count = 0;
 };
 
+// A name holds at most 15 characters, so the comparison stops inside it.
+// strncmp rather than a string_view comparison, which would need memcmp.
 bool listed(const bind_list &list, std::string_view piece) {
-    for (int32_t i = 0; i < list.count; ++i)
-        if (piece == list.entries[i].name)
+    for (int32_t i = 0; i < list.count; ++i) {
+        const char *name = list.entries[i].name;
+        if (strncmp(name, piece.data(), piece.size()) == 0 && name[piece.size()] == '\0')
             return true;
+    }
     return false;
 }
 

@@ -31,6 +31,7 @@ TEST(BindList, KeepsPiecesInOrderAndTheFirstWildcardOrMatchingEntryDecides) {
         // A piece is compared as written, '!' included, with stored names.
         {"!eth0,!eth0", "!eth0;!eth0;", "-++"},
         {"!eth0,eth0", "!eth0;", "-++"},
+        {"eth0,eth,!*", "eth0;eth;!*;", "+--"}, // a prefix of a name is another name
         // Names of 17 characters are dropped, of 16 cut; unresolved ones never decide.
         {"abcdefghijklmnop,abcdefghijklmnopq,!x", "abcdefghijklmno;!x;", "+++"},
         {"", "", "+++"},
