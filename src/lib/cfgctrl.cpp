@@ -12,7 +12,6 @@
 #include "lib/tqstdio.h"
 
 namespace {
-constexpr char blanks[] = " \t";
 constexpr char temp_template[] = "conf.tmp.XXXXXX";
 
 // A NUL-terminated heap copy of `length` bytes of `text`, or null.
@@ -25,6 +24,10 @@ char *copy_text(const char *text, size_t length) {
     return copy;
 }
 
+bool is_blank(char c) {
+    return c == ' ' || c == '\t';
+}
+
 // A piece of a configuration line.
 struct text_line {
     const char *start;
@@ -34,9 +37,11 @@ struct text_line {
 // The key of the pair line starting at `line`: the text before its '=' at
 // `equals` without surrounding blanks and tabs.
 text_line pair_key(const char *line, const char *equals) {
-    const char *start = line + std::strspn(line, blanks);
+    const char *start = line;
+    while (is_blank(*start))
+        ++start;
     const char *end = equals;
-    while (end > start && (end[-1] == ' ' || end[-1] == '\t'))
+    while (end > start && is_blank(end[-1]))
         --end;
     return {start, static_cast<size_t>(end - start)};
 }
