@@ -23,10 +23,9 @@ int fork_and_leave_parent() {
 // Ignores SIGHUP so that losing the controlling terminal cannot end the
 // process; the daemon installs its own handler later.
 int ignore_hangup() {
-    struct sigaction action {};
+    struct sigaction action {}; // zeroed: an empty mask on Linux C libraries
     action.sa_handler = SIG_IGN;
     action.sa_flags = SA_RESTART;
-    sigemptyset(&action.sa_mask);
     return sigaction(SIGHUP, &action, nullptr) == 0 ? 0 : -1;
 }
 
