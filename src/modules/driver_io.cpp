@@ -44,14 +44,6 @@ void usbds_driver_io_install(const usbds_driver_io *io) {
     installed_io = io != nullptr ? io : &usbds_system_driver_io;
 }
 
-usbds_driver_fd::usbds_driver_fd()
-    : io_(installed_io), fd_(io_->open(USBDS_CONTROL_PATH, O_RDWR | O_CLOEXEC)) {}
-
-usbds_driver_fd::~usbds_driver_fd() {
-    if (fd_ >= 0)
-        io_->close(fd_);
-}
-
 int usbds_driver_fd::ioctl(unsigned long request, void *arg) const {
     return io_->ioctl(fd_, request, arg);
 }

@@ -3,6 +3,10 @@
 // here. The real table calls the system; tests install a simulated one.
 #pragma once
 
+#include <fcntl.h>
+
+#include "modules/driver_abi.h"
+
 // Results follow the daemon's convention: a descriptor or count, or a
 // negative errno value.
 struct usbds_driver_io {
@@ -25,9 +29,15 @@ void usbds_driver_io_install(const usbds_driver_io *io);
 // table that opened it, on every path out of the scope.
 class usbds_driver_fd {
   public:
-    // Opens the driver's control file read-write.
-    usbds_driver_fd();
-    ~usbds_driver_fd();
+    // Opens the driver's control file read-write. Both ends are inlined:
+    // called out of line they would take the owner's address, and that
+    // alone makes the stack protector guard every function holding one.
+    [[gnu::always_inline]] usbds_driver_fd()
+        : io_(&usbds_driver_io_current()), fd_(io_->open(USBDS_CONTROL_PATH, O_RDWR | O_CLOEXEC)) {}
+    [[gnu::always_inline]] ~usbds_driver_fd() {
+        if (fd_ >= 0)
+            io_->close(fd_);
+    }
     usbds_driver_fd(const usbds_driver_fd &) = delete;
     usbds_driver_fd &operator=(const usbds_driver_fd &) = delete;
 
