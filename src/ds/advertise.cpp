@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstring>
-#include <net/if.h>
 
 #include "ds/ds.h"
 #include "ds/walk.h"
@@ -66,12 +65,7 @@ bool find_first_interface(dypd_ds_interface_info *info) {
 
 int32_t dypd_ds_process_advertise(const uint8_t *request, uint8_t *reply, uint32_t capacity,
                                   const sockaddr_in *sender, int32_t ifindex) {
-    if (!dypd_advertise_marker_ok(request))
-        return -EINVAL;
-    char ifname[IF_NAMESIZE];
-    if (ifindex <= 0 || if_indextoname(static_cast<unsigned>(ifindex), ifname) == nullptr)
-        return -ENXIO;
-    int err = dypd_advertise_fill_common(request, reply, capacity, sender, ifname);
+    int err = dypd_advertise_fill_common(request, reply, capacity, sender, ifindex, -ENXIO);
     if (err < 0)
         return err;
     memcpy(reply + DYP_ADV_VERSION, DYPD_PROTOCOL_VERSION, sizeof DYPD_PROTOCOL_VERSION);

@@ -1,7 +1,6 @@
 #include "protocol/advertise.h"
 
 #include <cerrno>
-#include <net/if.h>
 
 #include "protocol/advertise_fill.h"
 #include "protocol/packet.h"
@@ -17,12 +16,7 @@ int dypd_register_advertise_handler(dypd_udp_port *endpoint, dypd_advertise_hand
 
 int32_t dypd_process_advertise(const uint8_t *request, uint8_t *reply, uint32_t capacity,
                                const sockaddr_in *sender, int32_t ifindex) {
-    if (!dypd_advertise_marker_ok(request))
-        return -EINVAL;
-    char ifname[IFNAMSIZ];
-    if (dypd_get_ifname(ifindex, ifname, sizeof ifname) < 0)
-        return -EINVAL;
-    int err = dypd_advertise_fill_common(request, reply, capacity, sender, ifname);
+    int err = dypd_advertise_fill_common(request, reply, capacity, sender, ifindex, -EINVAL);
     if (err < 0)
         return err;
     // The generic reply carries no version, status or device description:

@@ -1,8 +1,9 @@
 #include "protocol/advertise_fill.h"
 
 #include <cerrno>
-#include <cstring>
 #include <climits>
+#include <cstring>
+#include <net/if.h>
 #include <unistd.h>
 
 #include "lib/be.h"
@@ -10,6 +11,7 @@
 #include "lib/text.h"
 #include "protocol/identity.h"
 #include "protocol/packet.h"
+#include "transport/socket.h"
 
 namespace {
 constexpr uint8_t ADVERTISE_KIND = 0x02;
@@ -43,13 +45,14 @@ void hide_foreign_link_local(uint8_t *address, const sockaddr_in *sender, const 
 }
 } // namespace
 
-bool dypd_advertise_marker_ok(const uint8_t *request) {
-    return request[DYP_REQ_MARKER] == DYP_ADVERTISE_MARKER0 &&
-           request[DYP_REQ_MARKER + 1] == DYP_ADVERTISE_MARKER1;
-}
-
 int dypd_advertise_fill_common(const uint8_t *request, uint8_t *reply, uint32_t capacity,
-                               const sockaddr_in *sender, const char *ifname) {
+                               const sockaddr_in *sender, int32_t ifindex, int unnamed) {
+    if (request[DYP_REQ_MARKER] != DYP_ADVERTISE_MARKER0 ||
+        request[DYP_REQ_MARKER + 1] != DYP_ADVERTISE_MARKER1)
+        return -EINVAL;
+    char ifname[IF_NAMESIZE];
+    if (dypd_get_ifname(ifindex, ifname, sizeof ifname) < 0)
+        return unnamed;
     if (capacity < DYP_ADVERTISE_REPLY_SIZE || sender == nullptr)
         return -EINVAL;
     memset(reply, 0, capacity);

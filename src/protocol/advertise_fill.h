@@ -19,16 +19,16 @@ constexpr uint32_t DYP_ADV_HOST = 116;       // char[16]
 constexpr uint32_t DYP_ADV_TEXT16 = 16;
 constexpr uint32_t DYP_ADV_DESCRIPTION_SIZE = 32;
 
-// True when the request carries the advertise marker bytes.
-bool dypd_advertise_marker_ok(const uint8_t *request);
-
-// Zeroes `capacity` bytes of the reply and writes the header, the product
-// name, the MAC address, the constant 1 and the IPv4 address of interface
-// `ifname` (hidden from a requester outside a link-local network). Returns
-// 0, or the negative errno value of a failed MAC or address query, or
-// -EINVAL when the capacity cannot hold a reply.
+// Starts a reply to the advertise `request` that came in on interface
+// `ifindex`: checks the marker bytes, names the interface, zeroes
+// `capacity` bytes of the reply and writes the header, the product name,
+// the MAC address, the constant 1 and the IPv4 address of the interface
+// (hidden from a requester outside a link-local network). Returns 0;
+// -EINVAL for a wrong marker or when the capacity cannot hold a reply;
+// `unnamed` (a negative errno value) when the interface has no name; the
+// negative errno value of a failed MAC or address query.
 int dypd_advertise_fill_common(const uint8_t *request, uint8_t *reply, uint32_t capacity,
-                               const sockaddr_in *sender, const char *ifname);
+                               const sockaddr_in *sender, int32_t ifindex, int unnamed);
 
 // Writes the configured host name, or the node name when none is set.
 void dypd_advertise_fill_host_name(uint8_t *reply);
