@@ -117,7 +117,7 @@ int dypd_ds_get_serial(const dypd_session *session, const dypd_ds_interface_info
     if (kind == '\0')
         return fail_at(CHECK_NO_LOCATION);
     if (kind != 'F' && kind != 'H' && kind != 'L' && kind != 'S') {
-        // The driver's location need not be terminated: bounded.
+        // The driver's location need not be terminated: the format bounds it.
         dyp_log(LOG_INFO, " unknown location (%.*s)\n", static_cast<int>(sizeof info->location),
                 info->location);
         return -EINVAL;

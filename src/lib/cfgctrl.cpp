@@ -234,8 +234,11 @@ int find_value(const char *text, size_t size, const char *section, const char *k
         if (header)
             break;
         if (pair_value(line, key, &found)) {
-            *value_out = copy_text(found.start, found.length);
-            return *value_out != nullptr ? 0 : -ENOMEM;
+            char *copy = copy_text(found.start, found.length);
+            if (copy == nullptr)
+                return -ENOMEM;
+            *value_out = copy;
+            return 0;
         }
     }
     return -ENOENT;
