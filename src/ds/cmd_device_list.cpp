@@ -33,11 +33,20 @@ bool write_field(tqbuffer *out, const void *data, uint32_t length) {
     return tqbuffer_write(out, data, length) >= 0;
 }
 
-// Inlined into the entry writer, whose frame is guarded anyway.
-[[gnu::always_inline]] inline bool write_be16(tqbuffer *out, uint16_t value) {
-    uint8_t bytes[2];
-    put_be16(bytes, value);
-    return write_field(out, bytes, sizeof bytes);
+// One field of an entry; a null `data` marks a field the form leaves out.
+struct entry_field {
+    const void *data;
+    uint32_t length;
+};
+
+// Writes the fields in order; false at the first that finds the buffer
+// full (even an empty field does).
+template <size_t N> bool write_fields(tqbuffer *out, const entry_field (&fields)[N]) {
+    for (const entry_field &field : fields) {
+        if (field.data != nullptr && !write_field(out, field.data, field.length))
+            return false;
+    }
+    return true;
 }
 
 // One entry for the interface in walk->info. The texts are bounded here,
@@ -46,25 +55,36 @@ bool write_entry(list_walk *walk) {
     const dypd_ds_interface_info *info = walk->info;
     tqbuffer *out = &walk->out;
     static constexpr uint8_t zeros[4] = {};
-    uint16_t status = static_cast<uint16_t>(dypd_get_status() | STATUS_ALWAYS | STATUS_PRESENT |
-                                            (info->status_flag != 0 ? STATUS_FLAGGED : 0));
-    bool ok = write_field(out, info->name, static_cast<uint32_t>(strnlen(info->name, 15))) &&
-              write_field(out, zeros, 1) &&
-              write_field(out, info->description,
-                          static_cast<uint32_t>(strnlen(info->description, DESCRIPTION_MAX))) &&
-              write_field(out, zeros, 1) && write_field(out, info->host_addr + SA_ADDR, 4) &&
-              write_be16(out, status);
-    if (ok && walk->form == list_form::extended)
-        ok = write_field(out, zeros, 2);
-    ok = ok && write_be16(out, info->vendor_id) && write_be16(out, info->product_id) &&
-         write_field(out, info->location, sizeof info->location) &&
-         write_field(out, &info->aux1, 1) && write_field(out, &info->aux2, 1);
-    if (ok && walk->form == list_form::extended) {
+    bool extended = walk->form == list_form::extended;
+    uint8_t status[2], vendor[2], product[2];
+    put_be16(status, static_cast<uint16_t>(dypd_get_status() | STATUS_ALWAYS | STATUS_PRESENT |
+                                           (info->status_flag != 0 ? STATUS_FLAGGED : 0)));
+    put_be16(vendor, info->vendor_id);
+    put_be16(product, info->product_id);
+    const entry_field fields[] = {
+        {info->name, static_cast<uint32_t>(strnlen(info->name, 15))},
+        {zeros, 1},
+        {info->description, static_cast<uint32_t>(strnlen(info->description, DESCRIPTION_MAX))},
+        {zeros, 1},
+        {info->host_addr + SA_ADDR, 4},
+        {status, sizeof status},
+        {extended ? zeros : nullptr, 2},
+        {vendor, sizeof vendor},
+        {product, sizeof product},
+        {info->location, sizeof info->location},
+        {&info->aux1, 1},
+        {&info->aux2, 1},
+    };
+    if (!write_fields(out, fields))
+        return false;
+    // The serial is looked up only once everything before it is written.
+    if (extended) {
         uint8_t serial[DYPD_DS_SERIAL_SIZE];
-        ok = dypd_ds_get_serial(walk->session, info, serial) == 0 &&
-             write_field(out, serial, sizeof serial);
+        if (dypd_ds_get_serial(walk->session, info, serial) != 0 ||
+            !write_field(out, serial, sizeof serial))
+            return false;
     }
-    return ok && write_field(out, zeros, 4);
+    return write_field(out, zeros, 4);
 }
 
 // Writes the entries of one module's names. Returns how many interfaces
