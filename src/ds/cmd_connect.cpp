@@ -82,16 +82,11 @@ int32_t answer(uint8_t *out, uint32_t size, bool ok) {
 // walk's verdict: true to go on with the next module.
 bool offer_interface(dypd_ds_module *module, dypd_ds_interface_info *info,
                      const dypd_ds_connect_param_ex *param, int *result) {
-    copy_text(info->name, param->name);
-    int found = module->get_interface_info(module, info);
+    int found = dypd_ds_slot_info(module, param->name, info);
     if (found == -ENODEV)
         return true;
-    if (found < 0) {
-        dypd_ds_log_failure(found, dypd_ds_quiet::nodev_noent,
-                            "cannot get an interface info module %s (err: %d)", module->name,
-                            found);
+    if (found < 0)
         return false;
-    }
     if (module->connect_ex != nullptr) {
         *result = module->connect_ex(module, param);
     } else if (module->connect != nullptr) {
