@@ -44,9 +44,8 @@ void redirect_standard_streams() {
         int slot = fd;
         close_fd_slot(slot);
     }
-    open_null_as(STDIN_FILENO, O_RDONLY);
-    open_null_as(STDOUT_FILENO, O_WRONLY);
-    open_null_as(STDERR_FILENO, O_WRONLY);
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        open_null_as(fd, fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);
 }
 
 // Truncates the locked file and writes the process id as "%d\n".
