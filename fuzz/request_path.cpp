@@ -67,7 +67,7 @@ struct box {
         dypd_handler_set_clock([] { return fake_now; });
         // Advertise replies wait on the same clock, so an input decides
         // when they fall due and how full the queue gets.
-        dypd_reply_queue_set_clock([] { return static_cast<uint64_t>(fake_now) * 1000; });
+        dypd_reply_queue_set_clock([] { return fake_now * 1000; });
         settings.bind_interfaces = network_interface_name;
         settings.ports = ports;
         settings.port_count = 2;

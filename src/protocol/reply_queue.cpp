@@ -8,12 +8,23 @@
 
 namespace {
 
-constexpr uint64_t DROP_NOTICE_INTERVAL_US = 60ull * 1000 * 1000;
+constexpr uint32_t DROP_NOTICE_INTERVAL_US = 60u * 1000 * 1000;
 
-uint64_t monotonic_us() {
+// The monotonic clock in microseconds, cut to 32 bits: it wraps every 71.6
+// minutes. Times are only ever compared through their difference, which
+// stays right across the wrap while it is under half of that; a reply
+// waits 150 ms at most. 64-bit times cost a 32-bit box 160 bytes of code
+// for nothing.
+uint32_t monotonic_us() {
     timespec now{};
     (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint32_t>(now.tv_nsec / 1000);
+    return static_cast<uint32_t>(now.tv_sec) * 1000000u +
+           static_cast<uint32_t>(now.tv_nsec) / 1000u;
+}
+
+// Whether time `a` comes before time `b` on the wrapping clock.
+bool earlier(uint32_t a, uint32_t b) {
+    return static_cast<int32_t>(a - b) < 0;
 }
 
 dypd_usec_clock_fn clock_us = monotonic_us;
@@ -23,14 +34,16 @@ dypd_queued_reply *slots = nullptr;
 struct {
     uint32_t count;
     bool logged;
-    uint64_t logged_at_us;
+    uint32_t logged_at_us;
 } drops;
 
 // Logs the refusals counted since the last notice, at most once a minute.
+// After a quiet spell of a multiple of the clock's wrap, give or take a
+// minute, a notice may come up to a minute late; the count is kept.
 void report_drops() {
     if (drops.count == 0)
         return;
-    uint64_t now = clock_us();
+    uint32_t now = clock_us();
     if (drops.logged && now - drops.logged_at_us < DROP_NOTICE_INTERVAL_US)
         return;
     dyp_log(LOG_NOTICE, "advertise replies dropped over the queue bounds: %u", drops.count);
@@ -42,7 +55,7 @@ dypd_queued_reply *earliest() {
     dypd_queued_reply *first = nullptr;
     for (int i = 0; slots != nullptr && i < DYPD_REPLY_QUEUE_SLOTS; ++i) {
         dypd_queued_reply *r = &slots[i];
-        if (r->endpoint != nullptr && (first == nullptr || r->due_us < first->due_us))
+        if (r->endpoint != nullptr && (first == nullptr || earlier(r->due_us, first->due_us)))
             first = r;
     }
     return first;
@@ -98,19 +111,19 @@ int dypd_reply_queue_wait_ms() {
     const dypd_queued_reply *first = earliest();
     if (first == nullptr)
         return -1;
-    uint64_t now = clock_us();
-    if (first->due_us <= now)
+    uint32_t now = clock_us();
+    if (!earlier(now, first->due_us))
         return 0;
     // Rounded up, so that the wait never ends just short of the due time
-    // and spins until it comes. What is left is at most the 32-bit delay the
-    // reply was queued with: no 64-bit division is needed.
-    auto left_us = static_cast<uint32_t>(first->due_us - now);
+    // and spins until it comes.
+    uint32_t left_us = first->due_us - now;
     return static_cast<int>(left_us / 1000 + (left_us % 1000 != 0 ? 1 : 0));
 }
 
 void dypd_reply_queue_send_due() {
-    uint64_t now = clock_us();
-    for (dypd_queued_reply *r = earliest(); r != nullptr && r->due_us <= now; r = earliest()) {
+    uint32_t now = clock_us();
+    for (dypd_queued_reply *r = earliest(); r != nullptr && !earlier(now, r->due_us);
+         r = earliest()) {
         dypd_send_datagram(r->endpoint, r->bytes, r->size, &r->peer);
         r->endpoint = nullptr;
     }

@@ -18,7 +18,7 @@ constexpr int DYPD_REPLY_QUEUE_PER_ADDRESS = 4;
 struct dypd_queued_reply {
     dypd_udp_port *endpoint; // null while the slot is free
     sockaddr_in peer;
-    uint64_t due_us;
+    uint32_t due_us; // on the wrapping 32-bit clock
     uint32_t size;
     uint8_t bytes[DYP_RESPONSE_MAX];
 };
@@ -52,6 +52,6 @@ void dypd_send_datagram(dypd_udp_port *endpoint, const uint8_t *data, uint32_t s
                         const sockaddr_in *peer);
 
 // Test seam: the monotonic microsecond clock of due times and of the
-// drop notice. Null restores CLOCK_MONOTONIC.
-using dypd_usec_clock_fn = uint64_t (*)();
+// drop notice, cut to 32 bits. Null restores CLOCK_MONOTONIC.
+using dypd_usec_clock_fn = uint32_t (*)();
 void dypd_reply_queue_set_clock(dypd_usec_clock_fn clock);

@@ -57,7 +57,7 @@ class AllocSweep : public ska_namespace_test {
         // Every reading of the queue's clock is 200 ms on: an advertise reply
         // is due by the time the step looks for it.
         dypd_reply_queue_set_clock([] {
-            static uint64_t now_us;
+            static uint32_t now_us;
             return now_us += 200000;
         });
     }

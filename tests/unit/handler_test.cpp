@@ -25,7 +25,7 @@ bytes operator+(bytes head, const bytes &tail) {
 struct {
     uint32_t result_size, size_given, now;
     int calls, advertise_result;
-    uint64_t now_us;
+    uint32_t now_us;
     bytes data_area; // the request's data area as the last command saw it
 } fake;
 
@@ -211,7 +211,7 @@ TEST_F(HandlerTest, AdvertiseReplyWaitsWhileCommandsAreAnsweredAndShieldsTheSess
     // The transfer goes on meanwhile, and the advertise reply still waits.
     EXPECT_EQ(ask(a, DYP_TYPE_DATA, "", 512, 512)->size(), 520u);
     EXPECT_FALSE(next_datagram(b.get()));
-    fake.now_us += static_cast<uint64_t>(wait_ms) * 1000;
+    fake.now_us += static_cast<uint32_t>(wait_ms) * 1000;
     dypd_reply_queue_send_due();
     EXPECT_EQ(next_datagram(b.get()), bytes(164, 0xa5));
     EXPECT_EQ(dypd_reply_queue_wait_ms(), -1) << "sent once";

@@ -11,7 +11,7 @@
 namespace {
 using bytes = std::vector<uint8_t>;
 
-uint64_t now_us;
+uint32_t now_us;
 
 // The queue on a fake clock, with one endpoint built as the daemon builds it
 // and a client socket on loopback that the replies go to.
@@ -93,26 +93,33 @@ TEST_F(ReplyQueueTest, RefusesTheFifthPerAddressAndTheSixtyFifthInAllCountingEac
     EXPECT_EQ(log.count(LOG_NOTICE, std::string(DROPPED) + "1"), 2);
 }
 
-TEST_F(ReplyQueueTest, SendsDueRepliesEarliestFirstByteExactAndNothingEarly) {
-    EXPECT_EQ(dypd_reply_queue_wait_ms(), -1) << "an empty queue does not limit the wait";
-    bytes late(164, 0x33), soon(DYP_RESPONSE_MAX, 0x11), middle{0x22, 0x00, 0x22};
-    ASSERT_TRUE(queue(client_address, late, 30000));
-    ASSERT_TRUE(queue(client_address, soon, 10001));
-    ASSERT_TRUE(queue(client_address, middle, 20000));
-    EXPECT_EQ(dypd_reply_queue_wait_ms(), 11) << "rounded up, never short of the due time";
-    now_us += 10000;
-    dypd_reply_queue_send_due();
-    EXPECT_FALSE(received());
-    now_us += 10000;
-    dypd_reply_queue_send_due();
-    EXPECT_EQ(received(), soon);
-    EXPECT_EQ(received(), middle);
-    EXPECT_FALSE(received());
-    EXPECT_EQ(dypd_reply_queue_wait_ms(), 10);
-    now_us += 15000;
-    EXPECT_EQ(dypd_reply_queue_wait_ms(), 0) << "overdue";
-    dypd_reply_queue_send_due();
-    EXPECT_EQ(received(), late);
+// The clock is 32 bits of microseconds and wraps every 71.6 minutes: the
+// same replies keep their order and their waits when their due times lie
+// on both sides of the wrap.
+TEST_F(ReplyQueueTest, SendsDueRepliesEarliestFirstByteExactAndNothingEarlyAcrossTheClockWrap) {
+    for (uint32_t start : {1000000u, UINT32_MAX - 15000u}) {
+        SCOPED_TRACE(start);
+        now_us = start;
+        EXPECT_EQ(dypd_reply_queue_wait_ms(), -1) << "an empty queue does not limit the wait";
+        bytes late(164, 0x33), soon(DYP_RESPONSE_MAX, 0x11), middle{0x22, 0x00, 0x22};
+        ASSERT_TRUE(queue(client_address, late, 30000));
+        ASSERT_TRUE(queue(client_address, soon, 10001));
+        ASSERT_TRUE(queue(client_address, middle, 20000));
+        EXPECT_EQ(dypd_reply_queue_wait_ms(), 11) << "rounded up, never short of the due time";
+        now_us += 10000;
+        dypd_reply_queue_send_due();
+        EXPECT_FALSE(received());
+        now_us += 10000;
+        dypd_reply_queue_send_due();
+        EXPECT_EQ(received(), soon);
+        EXPECT_EQ(received(), middle);
+        EXPECT_FALSE(received());
+        EXPECT_EQ(dypd_reply_queue_wait_ms(), 10);
+        now_us += 15000;
+        EXPECT_EQ(dypd_reply_queue_wait_ms(), 0) << "overdue";
+        dypd_reply_queue_send_due();
+        EXPECT_EQ(received(), late);
+    }
 }
 
 // Reload and shutdown drop what waits: nothing of it is sent later, its
