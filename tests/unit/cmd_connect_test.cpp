@@ -69,6 +69,14 @@ TEST_F(ScannerConnect, TheExtendedRecordOrElseThePlainOneCarriesTheRequest) {
     EXPECT_EQ(bytes(first.connect_calls.at(0)), bytes(plain));
 }
 
+TEST_F(ScannerConnect, WithoutModulesBothAnswerNG) {
+    EXPECT_EQ(run(CONNECT), NG) << "no module list";
+    EXPECT_EQ(run(DISCONNECT), NG) << "no module list";
+    module_list_scope empty;
+    EXPECT_EQ(run(CONNECT), NG);
+    EXPECT_EQ(run(DISCONNECT), NG);
+}
+
 TEST_F(ScannerConnect, TheFirstModuleServingTheInterfaceDecides) {
     second.interfaces.push_back({"usb1"});
     second.connect_result = -EBUSY;
