@@ -233,6 +233,7 @@ int dypd_main(int argc, char **argv) {
         return status;
     status = run_daemon(&settings);
     dypd_configfile_release(&settings);
-    closelog();
+    // The log's socket is left to the exit, which closes it as closelog
+    // would.
     return status;
 }
