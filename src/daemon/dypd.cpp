@@ -131,19 +131,18 @@ void hangup_action(int signal, siginfo_t *, void *) {
     dypd_signal_handler(signal);
 }
 
-// The actions start zeroed, which leaves their masks empty on Linux C
-// libraries: no sigemptyset call is needed.
+// The action starts zeroed, which leaves its mask empty on Linux C
+// libraries: no sigemptyset call is needed. One action serves both
+// signals: sigaction copies it.
 int install_signal_actions() {
-    struct sigaction hangup {};
-    hangup.sa_sigaction = hangup_action;
-    hangup.sa_flags = SA_RESTART | SA_SIGINFO | SA_NOCLDSTOP;
-    if (sigaction(SIGHUP, &hangup, nullptr) < 0)
+    struct sigaction action {};
+    action.sa_sigaction = hangup_action;
+    action.sa_flags = SA_RESTART | SA_SIGINFO | SA_NOCLDSTOP;
+    if (sigaction(SIGHUP, &action, nullptr) < 0)
         return -errno;
-
-    struct sigaction broken_pipe {};
-    broken_pipe.sa_handler = SIG_IGN;
-    broken_pipe.sa_flags = SA_RESTART;
-    if (sigaction(SIGPIPE, &broken_pipe, nullptr) < 0)
+    action.sa_handler = SIG_IGN;
+    action.sa_flags = SA_RESTART;
+    if (sigaction(SIGPIPE, &action, nullptr) < 0)
         return -errno;
     return 0;
 }

@@ -96,4 +96,7 @@ TEST(Daemon, PrintsItsSettingsHoldsThePidFileAndRereadsOnlyTheNamesOnHangUp) {
     std::string product = advertised_product(19541);
     EXPECT_EQ(product == "Second" ? product : advertised_product(19541), "Second");
     EXPECT_EQ(advertised_product(19550), "<no reply>") << "replies take 150 ms at most";
+    // A broken pipe is ignored: the daemon goes on answering.
+    ASSERT_EQ(kill(daemon, SIGPIPE), 0);
+    EXPECT_EQ(advertised_product(19541), "Second");
 }
