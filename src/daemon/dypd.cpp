@@ -26,6 +26,10 @@ constexpr char DEFAULT_CONFIG_PATH[] = "/etc/dypd.conf";
 constexpr char DEFAULT_PRODUCT_NAME[] = "TQ Mirel 70";
 constexpr int32_t DEFAULT_PRIMARY_PORT = 19540;
 constexpr char SETTINGS_RULE[] = "--------------------------------";
+// The -v line, which also begins the start-up line of the log.
+constexpr auto VERSION_LINE = join_texts(PROGRAM_NAME, " version ", PROGRAM_VERSION, " (DYP ",
+                                         DYPD_PROTOCOL_VERSION, ")\n");
+constexpr int VERSION_LENGTH = static_cast<int>(VERSION_LINE.size() - 2); // no newline, no NUL
 
 constexpr int EXIT_STATUS_OK = 0;
 constexpr int EXIT_STATUS_FAILED = 1;
@@ -80,9 +84,9 @@ int parse_options(int argc, char **argv, dypd_settings *settings) {
             settings->debug = 1;
             break;
         case 'v':
-            printf("%s version %s (DYP %s)\n", PROGRAM_NAME, PROGRAM_VERSION,
-                   DYPD_PROTOCOL_VERSION);
-            return EXIT_STATUS_OK;
+            return write(STDOUT_FILENO, VERSION_LINE.data(), VERSION_LENGTH + 1) < 0
+                       ? EXIT_STATUS_FAILED
+                       : EXIT_STATUS_OK;
         case 'h':
             dypd_usage();
             return EXIT_STATUS_OK;
@@ -121,8 +125,7 @@ void open_system_log(const dypd_settings *settings) {
     if (settings->daemon_mode == 0 && settings->debug != 0)
         options |= LOG_PERROR;
     openlog(PROGRAM_NAME, options, LOG_DAEMON);
-    dyp_log(LOG_INFO, "%s version %s (DYP %s) started", PROGRAM_NAME, PROGRAM_VERSION,
-            DYPD_PROTOCOL_VERSION);
+    dyp_log(LOG_INFO, "%.*s started", VERSION_LENGTH, VERSION_LINE.data());
 }
 
 // dypd_signal_handler takes the signal number only; SA_SIGINFO asks for
