@@ -27,8 +27,8 @@ constexpr char DEFAULT_PRODUCT_NAME[] = "TQ Mirel 70";
 constexpr int32_t DEFAULT_PRIMARY_PORT = 19540;
 constexpr char SETTINGS_RULE[] = "--------------------------------";
 // The -v line, which also begins the start-up line of the log.
-constexpr auto VERSION_LINE = join_texts(PROGRAM_NAME, " version ", PROGRAM_VERSION, " (DYP ",
-                                         DYPD_PROTOCOL_VERSION, ")\n");
+constexpr auto VERSION_LINE =
+    join_texts(PROGRAM_NAME, " version ", PROGRAM_VERSION, " (DYP ", DYPD_PROTOCOL_VERSION, ")\n");
 constexpr int VERSION_LENGTH = static_cast<int>(VERSION_LINE.size() - 2); // no newline, no NUL
 
 constexpr int EXIT_STATUS_OK = 0;
