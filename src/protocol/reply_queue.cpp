@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "lib/alloc.h"
+#include "lib/clock.h"
 #include "lib/log.h"
 
 namespace {
@@ -16,10 +17,7 @@ constexpr uint32_t DROP_NOTICE_INTERVAL_US = 60u * 1000 * 1000;
 // waits 150 ms at most. 64-bit times cost a 32-bit box 160 bytes of code
 // for nothing.
 uint32_t monotonic_us() {
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint32_t>(now.tv_sec) * 1000000u +
-           static_cast<uint32_t>(now.tv_nsec) / 1000u;
+    return dypd_clock_units(CLOCK_MONOTONIC, 1000000);
 }
 
 // Whether time `a` comes before time `b` on the wrapping clock.

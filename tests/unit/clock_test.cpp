@@ -14,6 +14,14 @@ uint32_t reference_ms() {
     uint64_t ms = static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_usec) / 1000;
     return static_cast<uint32_t>(ms);
 }
+
+// The monotonic clock in microseconds, computed in 64 bits and cut to 32.
+uint32_t reference_monotonic_us() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    uint64_t us = static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    return static_cast<uint32_t>(us);
+}
 } // namespace
 
 // The 32-bit arithmetic must wrap exactly as the 64-bit sum cut to 32 bits:
@@ -22,6 +30,13 @@ TEST(SystemTime, IsTheWallClockInMillisecondsModulo2To32) {
     uint32_t before = reference_ms();
     uint32_t now = dypd_get_systime();
     uint32_t after = reference_ms();
+    EXPECT_LE(static_cast<uint32_t>(now - before), static_cast<uint32_t>(after - before));
+}
+
+TEST(ClockUnits, IsAnyClockInTheAskedUnitsModulo2To32) {
+    uint32_t before = reference_monotonic_us();
+    uint32_t now = dypd_clock_units(CLOCK_MONOTONIC, 1000000);
+    uint32_t after = reference_monotonic_us();
     EXPECT_LE(static_cast<uint32_t>(now - before), static_cast<uint32_t>(after - before));
 }
 
