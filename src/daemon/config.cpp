@@ -15,7 +15,7 @@
 const char dypd_config_refused[] = "the config file %s is not a regular file of at most %u bytes";
 
 const char *const dypd_config_keys[DYPD_CONFIG_KEY_COUNT] = {"product", "hostname", "netif",
-                                                          "portnum", "ds_port"};
+                                                             "portnum", "ds_port"};
 
 namespace {
 
@@ -55,47 +55,32 @@ converted convert_number(const char *text) {
     return {conversion::number, value};
 }
 
-// Looks `key` up outside any section: 1 with the value in `*value`, 0 when
-// the key is not there, or a negative errno value that ends the load: the
-// file was refused (-EFBIG) or memory ran out (-ENOMEM). For want of memory
-// a setting is never silently left at its old value.
-int lookup(const char *path, const char *key, char **value) {
-    int result = tq_cfg_get_ini_string(path, nullptr, key, value);
-    if (result == -EFBIG || result == -ENOMEM)
-        return result;
-    return result < 0 ? 0 : 1;
-}
+// The value of a key outside any section, ended in place in the file's
+// text; null when the file lacks the key.
+using config_value = char *;
 
-// Copies a non-empty value into a 16-byte identity field, cut to 15.
-int load_name(const char *path, const char *key, char (&field)[16]) {
-    char *value = nullptr;
-    int found = lookup(path, key, &value);
-    if (found <= 0)
-        return found;
+void load_name(const char *key, const char *value, char (&field)[16]) {
+    if (value == nullptr)
+        return;
     if (value[0] != '\0')
         copy_text(field, value);
     if (strlen(value) >= sizeof field)
         note(key, value, dypd_config_note::cut);
-    tq_cfg_release_string(value);
-    return 0;
 }
 
 // The bind list is taken from the file only while neither the command line
-// nor an earlier load has set it; the value string then stays the setting
-// until dypd_configfile_release.
-int load_bind_interfaces(const char *path, dypd_settings *settings) {
-    if (settings->bind_interfaces != network_interface_name)
+// nor an earlier load has set it; a copy of the value then stays the
+// setting until dypd_configfile_release.
+int load_bind_interfaces(const char *value, dypd_settings *settings) {
+    if (value == nullptr || value[0] == '\0' || settings->bind_interfaces != network_interface_name)
         return 0;
-    char *value = nullptr;
-    int found = lookup(path, "netif", &value);
-    if (found <= 0)
-        return found;
-    if (value[0] == '\0') {
-        tq_cfg_release_string(value);
-        return 0;
-    }
-    settings->bind_interfaces = value;
-    settings->loaded_bind_interfaces = value;
+    size_t size = strlen(value) + 1;
+    auto *copy = static_cast<char *>(dyp_malloc(size));
+    if (copy == nullptr)
+        return -ENOMEM;
+    memcpy(copy, value, size);
+    settings->bind_interfaces = copy;
+    settings->loaded_bind_interfaces = copy;
     return 0;
 }
 
@@ -124,21 +109,17 @@ void release_ports(dypd_settings *settings) {
 }
 
 // Returns 1 to go on with "ds_port", otherwise the load's final result.
-int load_ports(const char *path, dypd_settings *settings) {
-    char *value = nullptr;
-    int found = lookup(path, "portnum", &value);
-    if (found <= 0)
-        return found == 0 ? 1 : found;
+// The value is cut into its pieces in place.
+int load_ports(char *value, dypd_settings *settings) {
+    if (value == nullptr)
+        return 1;
     // A value of n bytes holds at most n / 2 + 1 numbers.
     size_t capacity = strlen(value) / 2 + 1;
     auto *list = static_cast<int32_t *>(dyp_malloc(capacity * sizeof(int32_t)));
-    if (list == nullptr) {
-        tq_cfg_release_string(value);
+    if (list == nullptr)
         return -ENOMEM;
-    }
     int32_t count = 0;
     int result = parse_ports(value, list, &count);
-    tq_cfg_release_string(value);
     if (result <= 0 || count == 0) {
         dyp_free(list);
         return result;
@@ -151,21 +132,35 @@ int load_ports(const char *path, dypd_settings *settings) {
     return 1;
 }
 
-int load_primary_port(const char *path, dypd_settings *settings) {
-    char *value = nullptr;
-    int found = lookup(path, "ds_port", &value);
-    if (found <= 0)
-        return found;
+int load_primary_port(const char *value, dypd_settings *settings) {
+    if (value == nullptr)
+        return 0;
     converted port =
         value[0] == '\0' ? converted{conversion::not_a_number, 0} : convert_number(value);
     if (port.kind == conversion::not_a_number)
         note("ds_port", value, dypd_config_note::not_a_number);
-    tq_cfg_release_string(value);
     if (port.kind == conversion::failed)
         return static_cast<int>(port.value);
     if (port.kind == conversion::number)
         settings->primary_port = static_cast<int32_t>(port.value);
     return 0;
+}
+
+// Applies the values of the file's `text`. Every value is looked up before
+// any is taken apart, so that the pieces of one never pass for a line.
+int apply_text(char *text, size_t size, dypd_settings *settings) {
+    config_value values[DYPD_CONFIG_KEY_COUNT];
+    for (int i = 0; i < DYPD_CONFIG_KEY_COUNT; ++i)
+        values[i] = tq_cfg_find_in_text(text, size, nullptr, dypd_config_keys[i]);
+    load_name("product", values[0], settings->identity.product_name);
+    load_name("hostname", values[1], settings->identity.host_name);
+    int result = load_bind_interfaces(values[2], settings);
+    if (result < 0)
+        return result;
+    result = load_ports(values[3], settings);
+    if (result != 1)
+        return result;
+    return load_primary_port(values[4], settings);
 }
 
 } // namespace
@@ -176,17 +171,17 @@ int dypd_configfile_load(dypd_settings *settings) {
         return 0;
     if (access(path, R_OK) < 0)
         return neg_errno();
-    int result = load_name(path, "product", settings->identity.product_name);
-    if (result == 0)
-        result = load_name(path, "hostname", settings->identity.host_name);
-    if (result == 0)
-        result = load_bind_interfaces(path, settings);
+    char *text = nullptr;
+    size_t size = 0;
+    int result = tq_read_config(path, &text, &size);
+    // A refused file and want of memory end the load (for want of memory a
+    // setting is never silently left at its old value); a file that could
+    // not be read sets nothing.
     if (result < 0)
-        return result;
-    result = load_ports(path, settings);
-    if (result != 1)
-        return result;
-    return load_primary_port(path, settings);
+        return result == -EFBIG || result == -ENOMEM ? result : 0;
+    result = apply_text(text, size, settings);
+    dyp_free(text);
+    return result;
 }
 
 void dypd_configfile_release(dypd_settings *settings) {
@@ -195,7 +190,7 @@ void dypd_configfile_release(dypd_settings *settings) {
     settings->port_count = 2;
     if (settings->bind_interfaces == settings->loaded_bind_interfaces)
         settings->bind_interfaces = network_interface_name;
-    tq_cfg_release_string(settings->loaded_bind_interfaces);
+    dyp_free(settings->loaded_bind_interfaces);
     settings->loaded_bind_interfaces = nullptr;
 }
 

@@ -219,9 +219,9 @@ bool pair_value(const text_line &line, const char *key, text_line *value) {
     return true;
 }
 
-// The first value of `key` in `section` of the file's text.
-int find_value(const char *text, size_t size, const char *section, const char *key,
-               char **value_out) {
+} // namespace
+
+char *tq_cfg_find_in_text(char *text, size_t size, const char *section, const char *key) {
     const char *cursor = text;
     bool in_section = section == nullptr || section[0] == '\0';
     text_line line{}, found{};
@@ -234,19 +234,18 @@ int find_value(const char *text, size_t size, const char *section, const char *k
         if (header)
             break;
         if (pair_value(line, key, &found)) {
-            char *copy = copy_text(found.start, found.length);
-            if (copy == nullptr)
-                return -ENOMEM;
-            *value_out = copy;
-            return 0;
+            // The value ends where its line does: at a line end, which a NUL
+            // also is to the scan, or at the NUL after the text.
+            char *value = text + (found.start - text);
+            value[found.length] = '\0';
+            return value;
         }
     }
-    return -ENOENT;
+    return nullptr;
 }
-} // namespace
 
-// The daemon's lookup: it works on the file's copy directly, without a
-// stream, and keeps the same syntax as the stream readers.
+// Works on the file's copy directly, without a stream, by the same rules
+// as the stream readers.
 int tq_cfg_get_ini_string(const char *path, const char *section, const char *key,
                           char **value_out) {
     if (path == nullptr || key == nullptr || value_out == nullptr)
@@ -256,7 +255,12 @@ int tq_cfg_get_ini_string(const char *path, const char *section, const char *key
     int result = tq_read_config(path, &text, &size);
     if (result < 0)
         return read_failure(result);
-    result = find_value(text, size, section, key, value_out);
+    const char *value = tq_cfg_find_in_text(text, size, section, key);
+    result = -ENOENT;
+    if (value != nullptr) {
+        *value_out = copy_text(value, std::strlen(value));
+        result = *value_out == nullptr ? -ENOMEM : 0;
+    }
     dyp_free(text);
     return result;
 }

@@ -37,6 +37,13 @@ int tq_cfg_split_line(const char *text, tq_cfg_pair **pair_out);
 // -EINVAL for a null stream.
 int tq_cfg_seek_section(FILE *stream, const char *section);
 
+// The first value of `key` in `section` (null or empty: outside any
+// section) of `text`, a file's `size` bytes as tq_read_config returns
+// them, by the readers' rules; null when there is none. The value is ended
+// in place where its line ends, which leaves the text's lines as they were
+// for later lookups.
+char *tq_cfg_find_in_text(char *text, size_t size, const char *section, const char *key);
+
 // A new heap copy of the first value of `key` in `section` of the file at
 // `path`, to be released with tq_cfg_release_string. -EINVAL for a null
 // path, key or output; -EIO when the file cannot be opened; -EFBIG when it

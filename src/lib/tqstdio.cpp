@@ -64,7 +64,7 @@ int read_bounded(int fd, char **data, size_t *size) {
         static_cast<uint64_t>(status.st_size) > TQ_CONFIG_MAX_SIZE)
         return -EFBIG;
     auto capacity = static_cast<size_t>(status.st_size);
-    *data = static_cast<char *>(dyp_malloc(capacity));
+    *data = static_cast<char *>(dyp_malloc(capacity + 1));
     if (*data == nullptr)
         return -ENOMEM;
     while (*size < capacity) {
@@ -77,6 +77,7 @@ int read_bounded(int fd, char **data, size_t *size) {
             break; // the file shrank meanwhile
         *size += static_cast<size_t>(got);
     }
+    (*data)[*size] = '\0';
     return 0;
 }
 } // namespace

@@ -38,9 +38,9 @@ constexpr size_t TQ_CONFIG_MAX_SIZE = 65536;
 // Reads the configuration file at `path` into a new heap block in one
 // bounded read (a file that grows meanwhile is read up to the size it had
 // when opened). 0 with the block in `*data_out` (to be freed with
-// dyp_free) and its length in `*size_out`; the negative errno of the open
-// or the read; -EFBIG for anything but a regular file of at most
-// TQ_CONFIG_MAX_SIZE bytes; -ENOMEM.
+// dyp_free) and its length in `*size_out`, a NUL after the last byte; the negative errno of the
+// open or the read; -EFBIG for anything but a regular file of at most TQ_CONFIG_MAX_SIZE bytes;
+// -ENOMEM.
 int tq_read_config(const char *path, char **data_out, size_t *size_out);
 
 // tq_read_config's copy as a read-only stream. 0 with the stream in

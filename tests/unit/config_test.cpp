@@ -81,6 +81,10 @@ TEST_F(ConfigFile, AppliesEveryKeyOutsideAnySectionByItsRules) {
         {"portnum=1,99999999999\nds_port=1\n", -ERANGE, "||*|19540,19541,|19540"},
         {"ds_port=019\n", 0, "||*|19540,19541,|19540"}, // not an octal number
         {"ds_port=4294967296\n", -ERANGE, "||*|19540,19541,|19540"},
+        // A piece of a port list is no line of its own.
+        {"portnum=19550,ds_port=7\n", 0, "||*|19540,19541,|19540"},
+        {"portnum=19550,\rds_port=7", 0, "||*|19550,|7"}, // CR ends a line, so does the end
+        {"netif=br0\n\n\rproduct=last", 0, "last||br0|19540,19541,|19540"},
     };
     for (const auto &c : cases) {
         reset();
