@@ -84,13 +84,20 @@ int load_bind_interfaces(const char *value, dypd_settings *settings) {
     return 0;
 }
 
-// Converts every comma-separated piece of `text` into `list`. Returns 1
-// when all pieces are numbers, 0 when a piece is not a number (the load
-// then ends successfully without the new list), or a negative errno.
+// Converts every comma-separated piece of `text` into `list`, cutting the
+// text in place; empty pieces (",," or a comma at either end) are skipped.
+// Returns 1 when all pieces are numbers, 0 when a piece is not a number
+// (the load then ends successfully without the new list), or a negative
+// errno.
 int parse_ports(char *text, int32_t *list, int32_t *count) {
-    char *state = nullptr;
-    for (char *piece = strtok_r(text, ",", &state); piece != nullptr;
-         piece = strtok_r(nullptr, ",", &state)) {
+    for (char *piece = text, *next; *piece != '\0'; piece = next) {
+        next = piece;
+        while (*next != '\0' && *next != ',')
+            ++next;
+        if (*next == ',')
+            *next++ = '\0';
+        if (*piece == '\0')
+            continue;
         converted port = convert_number(piece);
         if (port.kind == conversion::failed)
             return static_cast<int>(port.value);

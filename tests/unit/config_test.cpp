@@ -75,6 +75,8 @@ TEST_F(ConfigFile, AppliesEveryKeyOutsideAnySectionByItsRules) {
         {"netif=\n", 0, "||*|19540,19541,|19540"}, // an empty netif is no list
         {"portnum=19550, 19551\nds_port=0x4c55\n", 0, "||*|19550,19551,|19541"},
         {"portnum=0x4c54\n", 0, "||*|19540,|19540"},
+        {"portnum=,19550,,\n", 0, "||*|19550,|19540"}, // empty pieces are skipped
+        {"portnum=,,\nds_port=9\n", 0, "||*|19540,19541,|9"},
         {"portnum=85076,-1\nds_port=85076\n", 0, "||*|85076,-1,|85076"},
         {"portnum=19550,abc\nds_port=1\n", 0, "||*|19540,19541,|19540"}, // ds_port unread
         {"portnum=\nds_port=7\n", 0, "||*|19540,19541,|7"},
