@@ -55,9 +55,8 @@ converted convert_number(const char *text) {
     return {conversion::number, value};
 }
 
-// The value of a key outside any section, ended in place in the file's
-// text; null when the file lacks the key.
-using config_value = char *;
+// Where each key's value is kept during a load, in dypd_config_keys order.
+enum config_key { KEY_PRODUCT, KEY_HOST_NAME, KEY_NETIF, KEY_PORTNUM, KEY_DS_PORT };
 
 void load_name(const char *key, const char *value, char (&field)[16]) {
     if (value == nullptr)
@@ -153,21 +152,23 @@ int load_primary_port(const char *value, dypd_settings *settings) {
     return 0;
 }
 
-// Applies the values of the file's `text`. Every value is looked up before
-// any is taken apart, so that the pieces of one never pass for a line.
+// Applies the values of the file's `text`. Each value is a key's outside
+// any section, ended in place in the text, or null when the key is missing.
+// Every value is looked up before any is taken apart, so that the pieces of
+// one never pass for a line.
 int apply_text(char *text, size_t size, dypd_settings *settings) {
-    config_value values[DYPD_CONFIG_KEY_COUNT];
-    for (int i = 0; i < DYPD_CONFIG_KEY_COUNT; ++i)
-        values[i] = tq_cfg_find_in_text(text, size, nullptr, dypd_config_keys[i]);
-    load_name("product", values[0], settings->identity.product_name);
-    load_name("hostname", values[1], settings->identity.host_name);
-    int result = load_bind_interfaces(values[2], settings);
+    char *values[DYPD_CONFIG_KEY_COUNT];
+    for (int key = 0; key < DYPD_CONFIG_KEY_COUNT; ++key)
+        values[key] = tq_cfg_find_in_text(text, size, nullptr, dypd_config_keys[key]);
+    load_name("product", values[KEY_PRODUCT], settings->identity.product_name);
+    load_name("hostname", values[KEY_HOST_NAME], settings->identity.host_name);
+    int result = load_bind_interfaces(values[KEY_NETIF], settings);
     if (result < 0)
         return result;
-    result = load_ports(values[3], settings);
+    result = load_ports(values[KEY_PORTNUM], settings);
     if (result != 1)
         return result;
-    return load_primary_port(values[4], settings);
+    return load_primary_port(values[KEY_DS_PORT], settings);
 }
 
 } // namespace
