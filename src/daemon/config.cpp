@@ -73,11 +73,9 @@ void load_name(const char *key, const char *value, char (&field)[16]) {
 int load_bind_interfaces(const char *value, dypd_settings *settings) {
     if (value == nullptr || value[0] == '\0' || settings->bind_interfaces != network_interface_name)
         return 0;
-    size_t size = strlen(value) + 1;
-    auto *copy = static_cast<char *>(dyp_malloc(size));
+    char *copy = tq_cfg_copy_string(value);
     if (copy == nullptr)
         return -ENOMEM;
-    memcpy(copy, value, size);
     settings->bind_interfaces = copy;
     settings->loaded_bind_interfaces = copy;
     return 0;
@@ -198,7 +196,7 @@ void dypd_configfile_release(dypd_settings *settings) {
     settings->port_count = 2;
     if (settings->bind_interfaces == settings->loaded_bind_interfaces)
         settings->bind_interfaces = network_interface_name;
-    dyp_free(settings->loaded_bind_interfaces);
+    tq_cfg_release_string(settings->loaded_bind_interfaces);
     settings->loaded_bind_interfaces = nullptr;
 }
 

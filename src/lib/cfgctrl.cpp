@@ -244,6 +244,10 @@ char *tq_cfg_find_in_text(char *text, size_t size, const char *section, const ch
     return nullptr;
 }
 
+char *tq_cfg_copy_string(const char *value) {
+    return copy_text(value, std::strlen(value));
+}
+
 // Works on the file's copy directly, without a stream, by the same rules
 // as the stream readers.
 int tq_cfg_get_ini_string(const char *path, const char *section, const char *key,
@@ -258,7 +262,7 @@ int tq_cfg_get_ini_string(const char *path, const char *section, const char *key
     const char *value = tq_cfg_find_in_text(text, size, section, key);
     result = -ENOENT;
     if (value != nullptr) {
-        *value_out = copy_text(value, std::strlen(value));
+        *value_out = tq_cfg_copy_string(value);
         result = *value_out == nullptr ? -ENOMEM : 0;
     }
     dyp_free(text);

@@ -43,6 +43,9 @@ int tq_cfg_seek_section(FILE *stream, const char *section);
 // in place where its line ends, which leaves the text's lines as they were
 // for later lookups.
 char *tq_cfg_find_in_text(char *text, size_t size, const char *section, const char *key);
+// A heap copy of `value`, to be released with tq_cfg_release_string; null
+// when memory runs out.
+char *tq_cfg_copy_string(const char *value);
 
 // A new heap copy of the first value of `key` in `section` of the file at
 // `path`, to be released with tq_cfg_release_string. -EINVAL for a null
